@@ -1,0 +1,45 @@
+// Helpers shared by the tests: temporary directories, files and processes.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace kvotest {
+
+// A fresh directory under TMPDIR (or /tmp), removed with its content.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+    const std::string& path() const { return m_path; }
+    std::string file(const std::string& name) const { return m_path + "/" + name; }
+
+private:
+    std::string m_path;
+};
+
+bool WriteFile(const std::string& path, const std::string& content, int mode = 0644);
+// The whole file; false when it cannot be read.
+bool ReadFile(const std::string& path, std::string* content);
+std::string ReadFileOr(const std::string& path, const std::string& fallback = std::string());
+bool FileExists(const std::string& path);
+std::vector<std::string> ReadLines(const std::string& path);
+
+// Runs argv[0] (a path) with the given extra environment ("NAME=value"
+// entries; "NAME" alone unsets), waits at most timeoutMs, kills it after
+// that.  Returns the exit status, or -1 on a timeout or a signal.  Output
+// goes to *out when not null (stdout and stderr together).
+int RunProcess(const std::vector<std::string>& argv, const std::vector<std::string>& env, int timeoutMs,
+               std::string* out = nullptr);
+
+// Built-tree locations.
+std::string BuildDir();
+std::string SourceDir();
+std::string FixtureDir();  // built test plug-ins and modules live below it
+
+// Ends the test process with exit code 77 (a skip) after saying why.
+[[noreturn]] void SkipTest(const std::string& reason);
+
+}  // namespace kvotest
