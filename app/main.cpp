@@ -1,1 +1,134 @@
-int main() { return 0; }
+// The host's entry point: save the command line, let the configuration
+// redirect it, build one window around one web view, show the start page,
+// hand the key over, run the loop, store the result.  Exit status 0 on
+// every path of its own.
+#include <gtk/gtk.h>
+#include <unistd.h>
+#include <webkit2/webkit2.h>
+
+#include <cstring>
+
+#include "app/geometry.h"
+#include "app/host_state.h"
+#include "app/options.h"
+#include "app/paths.h"
+#include "app/result_store.h"
+#include "app/start_url.h"
+#include "app/window.h"
+#include "bridge/app_commands.h"
+#include "bridge/bridge_server.h"
+#include "bridge/launch.h"
+#include "bridge/web_settings.h"
+
+namespace {
+
+constexpr uint32_t kPathSize = 256;
+
+void OnDestroy(GtkWidget*, gpointer) { gtk_main_quit(); }
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    // gdk_threads_enter/leave are no-ops in GTK 3 and are left out.
+    SaveCommandLine(argc, argv);
+
+    int32_t count = argc;
+    char** redirected = nullptr;
+    if (!HasOption(count, argv, "-url")) {
+        redirected = RedirectCommandLine(argv, &count);
+    }
+    // gtk_init takes its own options out of the vector it is given; give it
+    // a pointer array of ours so the redirected vector stays whole to free.
+    char** inUse = new char*[static_cast<size_t>(count) + 1];
+    for (int32_t i = 0; i < count; ++i) inUse[i] = redirected ? redirected[i] : argv[i];
+    inUse[count] = nullptr;
+    char** vector = inUse;
+    int gtkCount = count;
+
+    gdk_set_allowed_backends("x11,*");  // window placement is an X11 notion
+    gtk_init(&gtkCount, &vector);
+    count = gtkCount;
+
+    PrepareWebContext();
+    GtkWidget* box = BuildWebViewBox();
+
+    const char* testValue = nullptr;
+    if (FindOptionValue(count, vector, "-test", &testValue)) {
+        RunTestOption(testValue);
+    } else if (!FindOptionValue(count, vector, "-url", &g_startUrl)) {
+        LaunchAdminProgram();
+    } else {
+        const char* userAgent = nullptr;
+        FindOptionValue(count, vector, "-useragent", &userAgent);
+
+        char iconBuffer[kPathSize];
+        char directoryBuffer[kPathSize];
+        memset(iconBuffer, 0, sizeof iconBuffer);
+        memset(directoryBuffer, 0, sizeof directoryBuffer);
+
+        const char* iconPath = nullptr;
+        if (!FindOptionValue(count, vector, "-icon", &iconPath) && FindWindowIcon(iconBuffer, sizeof iconBuffer)) {
+            iconPath = iconBuffer;
+        }
+        const char* title = nullptr;
+        if (!FindOptionValue(count, vector, "-title", &title)) title = "Kavori";
+        uint32_t wait = 3000;
+        FindOptionNumber(count, vector, "-wait", &wait);
+
+        int32_t screenWidth = 0, screenHeight = 0;
+        GetScreenSize(&screenWidth, &screenHeight);
+        WindowGeometry geometry = ComputeWindowGeometry(count, vector, screenWidth, screenHeight);
+        bool resizing = HasOption(count, vector, "-resizing");
+        bool keepAbove = HasOption(count, vector, "-system");
+
+        const char* root = nullptr;
+        if (!FindOptionValue(count, vector, "-root", &root) &&
+            FindInstalledLibraryDirectory(directoryBuffer, sizeof directoryBuffer)) {
+            root = directoryBuffer;
+        }
+        const char* configPath = nullptr;
+        FindOptionValue(count, vector, "-config", &configPath);
+        const char* key = nullptr;
+        FindOptionValue(count, vector, "-key", &key);
+
+        g_startUrl = FileUrlForLocalPath(ResolveStartUrl(g_startUrl));
+
+        if (iconPath) gtk_window_set_default_icon_from_file(iconPath, nullptr);
+
+        g_mainWindow = gtk_window_new(GTK_WINDOW_TOPLEVEL);
+        gtk_window_set_title(GTK_WINDOW(g_mainWindow), title);
+        gtk_window_set_default_size(GTK_WINDOW(g_mainWindow), geometry.width, geometry.height);
+        g_signal_connect(g_mainWindow, "destroy", G_CALLBACK(OnDestroy), nullptr);
+
+        ApplyWebSettings(userAgent);
+        gtk_container_add(GTK_CONTAINER(g_mainWindow), box);
+        webkit_web_view_load_uri(WEBKIT_WEB_VIEW(g_webView), g_startUrl);
+        gtk_widget_grab_focus(g_webView);
+        usleep(wait);
+
+        gtk_widget_show_all(g_mainWindow);
+        if (geometry.x != 0 || geometry.y != 0) gtk_window_move(GTK_WINDOW(g_mainWindow), geometry.x, geometry.y);
+        if (!resizing) {
+            gtk_widget_set_size_request(g_webView, geometry.width, geometry.height);
+            gtk_window_set_resizable(GTK_WINDOW(g_mainWindow), FALSE);
+        }
+        if (keepAbove) gtk_window_set_keep_above(GTK_WINDOW(g_mainWindow), TRUE);
+
+        HandOverKey(root, configPath, key);
+        WatchTerminationSignals();
+
+        gtk_main();
+
+        // A dialog ended by a signal has no result to report.
+        const char* storePath = nullptr;
+        if (!TerminatedBySignal() && FindOptionValue(count, vector, "-store", &storePath)) {
+            StoreResult(storePath);
+        }
+        ReleaseExitTexts();
+    }
+
+    BridgeServerStop();
+    if (redirected) FreeArgumentVector(redirected);
+    delete[] inUse;
+    return 0;
+}

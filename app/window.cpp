@@ -1,1 +1,123 @@
-// placeholder until this unit is written
+#include "app/window.h"
+
+#include <glib-unix.h>
+#include <gtk/gtk.h>
+#include <limits.h>
+#include <sys/stat.h>
+#include <time.h>
+#include <unistd.h>
+#include <webkit2/webkit2.h>
+
+#include <cstdlib>
+#include <cstring>
+
+#include "app/host_state.h"
+#include "bridge/bridge_server.h"
+#include "bridge/launch.h"
+#include "bridge/script_calls.h"
+
+namespace {
+
+bool g_terminated = false;
+
+// A web process that keeps dying would make reloading a loop; after this
+// many crashes within the window the view shows a plain message instead.
+constexpr int kMaxCrashes = 3;
+constexpr gint64 kCrashWindowUs = 30 * G_USEC_PER_SEC;
+gint64 g_crashTimes[kMaxCrashes] = {0, 0, 0};
+int g_crashCount = 0;
+
+void OnInitializeWebExtensions(WebKitWebContext* context, gpointer) {
+    BridgeServerStart(HandleBridgeRequest);
+    webkit_web_context_set_web_extensions_initialization_user_data(context, BridgeStartupData());
+}
+
+void OnWebProcessTerminated(WebKitWebView* view, WebKitWebProcessTerminationReason, gpointer) {
+    gint64 now = g_get_monotonic_time();
+    g_crashTimes[g_crashCount % kMaxCrashes] = now;
+    ++g_crashCount;
+    gint64 oldest = g_crashTimes[g_crashCount % kMaxCrashes];
+    if (g_crashCount >= kMaxCrashes && now - oldest < kCrashWindowUs) {
+        webkit_web_view_load_plain_text(view, "This dialog stopped working. Please close the window and try again.");
+        return;
+    }
+    if (g_startUrl) webkit_web_view_load_uri(view, g_startUrl);
+}
+
+gboolean OnTerminationSignal(gpointer) {
+    g_terminated = true;
+    gtk_main_quit();
+    return G_SOURCE_CONTINUE;
+}
+
+void RemoveSocketAtExit() { BridgeRemoveSocketDirectory(); }
+
+}  // namespace
+
+bool FindExtensionDirectory(char* out, uint32_t size) {
+    char exe[PATH_MAX];
+    ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
+    if (n <= 0) return false;
+    exe[n] = '\0';
+    char* slash = strrchr(exe, '/');
+    if (!slash) return false;
+    *slash = '\0';
+    // bin/ and lib/kavori/ side by side, in the build tree and installed.
+    int written = snprintf(out, size, "%s/../lib/kavori", exe);
+    return written > 0 && static_cast<uint32_t>(written) < size;
+}
+
+void PrepareWebContext() {
+    WebKitWebContext* context = webkit_web_context_get_default();
+    char directory[PATH_MAX];
+    if (FindExtensionDirectory(directory, sizeof directory)) {
+        webkit_web_context_set_web_extensions_directory(context, directory);
+    }
+    g_signal_connect(context, "initialize-web-extensions", G_CALLBACK(OnInitializeWebExtensions), nullptr);
+    g_beforeRestartExit = RemoveSocketAtExit;
+    atexit(RemoveSocketAtExit);
+}
+
+GtkWidget* BuildWebViewBox() {
+    GtkWidget* box = gtk_box_new(GTK_ORIENTATION_VERTICAL, 0);
+    GtkWidget* scrolled = gtk_scrolled_window_new(nullptr, nullptr);
+    gtk_scrolled_window_set_policy(GTK_SCROLLED_WINDOW(scrolled), GTK_POLICY_AUTOMATIC, GTK_POLICY_AUTOMATIC);
+    g_webView = webkit_web_view_new();
+    g_signal_connect(g_webView, "web-process-terminated", G_CALLBACK(OnWebProcessTerminated), nullptr);
+    gtk_container_add(GTK_CONTAINER(scrolled), g_webView);
+    gtk_box_pack_start(GTK_BOX(box), scrolled, TRUE, TRUE, 0);
+    return box;
+}
+
+void GetScreenSize(int32_t* width, int32_t* height) {
+    // The options mean the X screen, not a monitor: the screen calls are
+    // deprecated in GTK 3 but still say exactly that.
+    G_GNUC_BEGIN_IGNORE_DEPRECATIONS
+    *width = gdk_screen_width();
+    *height = gdk_screen_height();
+    G_GNUC_END_IGNORE_DEPRECATIONS
+}
+
+const char* FileUrlForLocalPath(const char* url) {
+    if (!url || !url[0] || strstr(url, "://")) return url;
+    struct stat st;
+    if (stat(url, &st) != 0 || !S_ISREG(st.st_mode)) return url;
+    char* absolute = realpath(url, nullptr);
+    if (!absolute) return url;
+    gchar* uri = g_filename_to_uri(absolute, nullptr, nullptr);
+    free(absolute);
+    if (!uri) return url;
+    size_t size = strlen(uri) + 1;
+    char* copy = new char[size];  // lives as long as the start URL: never freed
+    memcpy(copy, uri, size);
+    g_free(uri);
+    return copy;
+}
+
+void WatchTerminationSignals() {
+    g_unix_signal_add(SIGTERM, OnTerminationSignal, nullptr);
+    g_unix_signal_add(SIGINT, OnTerminationSignal, nullptr);
+    g_unix_signal_add(SIGHUP, OnTerminationSignal, nullptr);
+}
+
+bool TerminatedBySignal() { return g_terminated; }

@@ -1,1 +1,78 @@
-// placeholder until this unit is written
+#include "bridge/app_commands.h"
+
+#include <gtk/gtk.h>
+#include <strings.h>
+#include <webkit2/webkit2.h>
+
+#include <cmath>
+#include <cstring>
+
+#include "app/host_state.h"
+#include "app/options.h"
+#include "bridge/launch.h"
+
+char* g_exitResult = nullptr;
+char* g_exitSuccessText = nullptr;
+
+namespace {
+
+char* CopyText(const char* text) {
+    if (!text) return nullptr;
+    size_t size = strlen(text) + 1;
+    char* copy = new char[size];
+    memcpy(copy, text, size);
+    return copy;
+}
+
+void ReplaceText(char** slot, const char* text) {
+    delete[] *slot;
+    *slot = CopyText(text);
+}
+
+void Resize(const char* arg2, double arg2Number) {
+    uint32_t packed = arg2 ? ParseNumber(arg2) : PackedSizeFromNumber(arg2Number);
+    int width = static_cast<int>(packed >> 16);
+    int height = static_cast<int>(packed & 0xFFFF);
+    if (g_webView) gtk_widget_set_size_request(g_webView, width, height);
+    // GTK refuses a zero-sized window resize with a warning; the request
+    // above still goes through, the window keeps its size.
+    if (g_mainWindow && width > 0 && height > 0) gtk_window_resize(GTK_WINDOW(g_mainWindow), width, height);
+}
+
+}  // namespace
+
+uint32_t PackedSizeFromNumber(double value) {
+    // Exactly representable bounds of the signed 64-bit range.
+    if (std::isnan(value) || value >= 9223372036854775808.0 || value < -9223372036854775808.0) return 0;
+    return static_cast<uint32_t>(static_cast<uint64_t>(static_cast<int64_t>(value)));
+}
+
+void RunApplicationCommand(const char* command, int32_t argc, const char* arg2, const char* arg3,
+                           double arg2Number) {
+    if (!command) return;
+    if (strcasecmp(command, "exit") == 0) {
+        if (argc >= 2) ReplaceText(&g_exitResult, arg2);
+        if (argc >= 3) ReplaceText(&g_exitSuccessText, arg3);
+        gtk_main_quit();
+    } else if (strcasecmp(command, "resize") == 0) {
+        Resize(argc >= 2 ? arg2 : nullptr, argc >= 2 ? arg2Number : NAN);
+    } else if (strcasecmp(command, "reload") == 0) {
+        if (g_webView && g_startUrl) webkit_web_view_load_uri(WEBKIT_WEB_VIEW(g_webView), g_startUrl);
+    } else if (strcasecmp(command, "restart") == 0) {
+        RestartHost();
+    } else if (strcmp(command, "install") == 0) {
+        RunMaintenanceScript("install", false);
+    } else if (strcmp(command, "repair") == 0) {
+        RunMaintenanceScript("repair", true);
+    } else if (strcmp(command, "uninstall") == 0) {
+        RunMaintenanceScript("uninstall", true);
+        gtk_main_quit();
+    }
+}
+
+void ReleaseExitTexts() {
+    delete[] g_exitResult;
+    g_exitResult = nullptr;
+    delete[] g_exitSuccessText;
+    g_exitSuccessText = nullptr;
+}

@@ -1,1 +1,46 @@
-// placeholder until this unit is written
+#include "bridge/script_calls.h"
+
+#include <cmath>
+#include <cstring>
+
+#include "app/paths.h"
+#include "bridge/app_commands.h"
+#include "bridge/forwarding.h"
+
+namespace {
+
+// Room for the reply's own framing; an answer beyond it cannot be carried
+// and reaches the page as no answer.
+constexpr size_t kMaxAnswer = kMaxFrameSize - 64;
+
+void SetAnswer(const char* answer, BridgeReply* reply) {
+    if (answer && strlen(answer) <= kMaxAnswer) reply->text = std::string(answer);
+}
+
+}  // namespace
+
+void HandleBridgeRequest(const BridgeRequest& request, BridgeReply* reply) {
+    const auto& a = request.text;
+    switch (request.op) {
+        case BRIDGE_GET_PROPERTY:
+            if (a[0]) SetAnswer(PluginGetProperty(GetReadyHandle(), a[0]->c_str()), reply);
+            break;
+        case BRIDGE_SET_PROPERTY:
+            if (a[0] && a[1]) PluginSetProperty(GetReadyHandle(), a[0]->c_str(), a[1]->c_str());
+            break;
+        case BRIDGE_ENUM_PROPERTY:
+            if (a[0] && a[1]) SetAnswer(PluginEnumProperty(GetReadyHandle(), a[0]->c_str(), a[1]->c_str()), reply);
+            break;
+        case BRIDGE_INVOKE:
+            if (a[0]) reply->code = PluginInvoke(GetReadyHandle(), a[0]->c_str());
+            break;
+        case BRIDGE_APPLICATION:
+            if (a[0]) {
+                RunApplicationCommand(a[0]->c_str(), request.argc, a[1] ? a[1]->c_str() : nullptr,
+                                      a[2] ? a[2]->c_str() : nullptr, request.number);
+            }
+            break;
+        default:
+            break;
+    }
+}

@@ -1,1 +1,62 @@
-// placeholder until this unit is written
+#include "bridge/web_settings.h"
+
+#include <webkit2/webkit2.h>
+
+#include <cstring>
+
+#include "app/host_state.h"
+#include "app/paths.h"
+#include "bridge/forwarding.h"
+#include "bridge/user_agent.h"
+
+namespace {
+constexpr uint32_t kUserAgentSize = 256;
+}
+
+bool ComposeUserAgent(WebKitSettings* settings, char* buffer, uint32_t size) {
+    gchar* defaultAgent = nullptr;
+    g_object_get(settings, "user-agent", &defaultAgent, nullptr);
+    if (!defaultAgent || strlen(defaultAgent) + 64 >= size) {
+        g_free(defaultAgent);
+        return false;
+    }
+    const char* answer = PluginGetProperty(GetReadyHandle(), "ProductInfo");
+    bool composed = false;
+    if (answer) {
+        // Split a copy of our own: the plug-in's text stays as it gave it.
+        size_t length = strlen(answer);
+        char* productInfo = new char[length + 1];
+        memcpy(productInfo, answer, length + 1);
+        composed = ComposeUserAgentText(defaultAgent, productInfo, buffer, size);
+        delete[] productInfo;
+    }
+    g_free(defaultAgent);
+    return composed;
+}
+
+void ApplyWebSettings(const char* userAgent) {
+    WebKitSettings* settings = webkit_settings_new();
+    if (settings) {
+        g_object_set(settings, "javascript-can-access-clipboard", TRUE, nullptr);
+        g_object_set(settings, "allow-universal-access-from-file-urls", TRUE, nullptr);
+        g_object_set(settings, "allow-file-access-from-file-urls", TRUE, nullptr);
+        // Showing and running insecure content on secure pages has no
+        // WebKit2 setting: WebKitGTK 4.1 always shows mixed passive content
+        // and blocks active content, and offers no switch for either.
+        if (userAgent) {
+            if (userAgent[0]) {
+                g_object_set(settings, "user-agent", userAgent, nullptr);
+            } else {
+                char buffer[kUserAgentSize];
+                memset(buffer, 0, sizeof buffer);
+                bool composed = ComposeUserAgent(settings, buffer, sizeof buffer);
+                // The empty text makes WebKit fall back to its default.
+                g_object_set(settings, "user-agent", composed ? buffer : "", nullptr);
+            }
+        }
+        if (g_webView) webkit_web_view_set_settings(WEBKIT_WEB_VIEW(g_webView), settings);
+        g_object_unref(settings);
+    }
+    // The "file" scheme gets the empty security policy: no flag to register
+    // in WebKit2, so there is no call to make.
+}

@@ -1,0 +1,24 @@
+// The host's end of the bridge: a Unix stream socket in a private directory,
+// served on the main thread.  A peer is served only when it runs under the
+// host's own uid and its first frame carries the token; anything malformed
+// closes that connection and nothing else.
+#pragma once
+
+#include <string>
+
+#include "bridge/channel.h"
+
+typedef void (*BridgeHandler)(const BridgeRequest& request, BridgeReply* reply);
+
+// Creates the directory, socket and token and starts accepting on the
+// default main context.  False when no socket could be made.
+bool BridgeServerStart(BridgeHandler handler);
+// Floating "(ayay)" start-up data for the extension: socket path and token.
+GVariant* BridgeStartupData();
+const std::string& BridgeSocketPath();
+// Closes every connection and removes the socket and its directory.
+void BridgeServerStop();
+// Only removes the socket file and directory; safe after fork and at exit.
+void BridgeRemoveSocketDirectory();
+// Open connections (authenticated or not), for tests.
+size_t BridgeConnectionCount();

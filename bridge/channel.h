@@ -1,0 +1,55 @@
+// The wire format between the web extension and the host: a 32-bit length
+// in host byte order, then one serialised GVariant.  One request in flight
+// per connection; every request gets exactly one reply, except the first
+// frame (Hello, carrying the token), which gets none.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+// A frame larger than this closes the connection; a plug-in answer that
+// would not fit reaches the page as no answer (the empty string).
+constexpr uint32_t kMaxFrameSize = 16u * 1024u * 1024u;
+constexpr size_t kFrameHeaderSize = 4;
+constexpr size_t kTokenSize = 16;
+
+enum BridgeOp : uint8_t {
+    BRIDGE_HELLO = 0,  // text1: the token
+    BRIDGE_GET_PROPERTY = 1,
+    BRIDGE_SET_PROPERTY = 2,
+    BRIDGE_ENUM_PROPERTY = 3,
+    BRIDGE_INVOKE = 4,
+    BRIDGE_APPLICATION = 5,
+    BRIDGE_OP_COUNT
+};
+
+struct BridgeRequest {
+    uint8_t op = BRIDGE_HELLO;
+    uint8_t argc = 0;  // the page's argument count, capped at 255
+    std::optional<std::string> text[3];  // arguments that were strings
+    double number = 0;  // Application: argument 2 when it was a number, else NaN
+};
+
+struct BridgeReply {
+    std::optional<std::string> text;  // GetProperty / EnumProperty
+    int32_t code = 0;                 // Invoke
+};
+
+// Whole frames, header included.
+std::string EncodeRequest(const BridgeRequest& request);
+std::string EncodeReply(const BridgeReply& reply);
+
+// Decode a frame's body (without the header).  False for anything that is
+// not exactly the expected type or names an unknown operation.
+bool DecodeRequest(const void* body, size_t size, BridgeRequest* request);
+bool DecodeReply(const void* body, size_t size, BridgeReply* reply);
+
+// The length a header announces.
+uint32_t ReadFrameLength(const void* header);
+
+// Start-up data for the extension: socket path and token, one GVariant.
+typedef struct _GVariant GVariant;
+GVariant* MakeStartupData(const std::string& socketPath, const std::string& token);
+bool ParseStartupData(GVariant* data, std::string* socketPath, std::string* token);

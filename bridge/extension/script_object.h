@@ -1,0 +1,22 @@
+// The script object Kavori, as the web process sees it.  Its functions
+// check and convert their arguments here and send one request to the host
+// per usable call; unusable calls and a lost channel give fixed defaults.
+// No function ever raises a script exception.
+#pragma once
+
+#include <JavaScriptCore/JavaScript.h>
+
+#include "bridge/channel.h"
+
+typedef bool (*ScriptTransport)(const BridgeRequest& request, BridgeReply* reply);
+
+// Where requests go; the bridge channel unless a test says otherwise.
+void SetScriptTransport(ScriptTransport transport);
+
+// Publishes a fresh Kavori object on the context's global object.
+void InstallScriptObject(JSGlobalContextRef context);
+
+// A string value as a new NUL-terminated UTF-8 copy (array new); anything
+// else gives null.  A string with an embedded NUL is cut there.
+char* CopyScriptString(JSContextRef context, JSValueRef value);
+void FreeScriptString(char* text);
