@@ -29,7 +29,9 @@ int g_crashCount = 0;
 
 void OnInitializeWebExtensions(WebKitWebContext* context, gpointer) {
     BridgeServerStart(HandleBridgeRequest);
-    webkit_web_context_set_web_extensions_initialization_user_data(context, BridgeStartupData());
+    StartupData data;
+    BridgeFillStartupData(&data);
+    webkit_web_context_set_web_extensions_initialization_user_data(context, MakeStartupData(data));
 }
 
 void OnWebProcessTerminated(WebKitWebView* view, WebKitWebProcessTerminationReason, gpointer) {

@@ -259,9 +259,9 @@ bool BridgeServerStart(BridgeHandler handler) {
     return true;
 }
 
-GVariant* BridgeStartupData() {
-    static const std::string empty;
-    return MakeStartupData(g_socketPath ? *g_socketPath : empty, g_token ? *g_token : empty);
+void BridgeFillStartupData(StartupData* data) {
+    data->socketPath = g_socketPath ? *g_socketPath : std::string();
+    data->token = g_token ? *g_token : std::string();
 }
 
 const std::string& BridgeSocketPath() {

@@ -13,8 +13,8 @@ typedef void (*BridgeHandler)(const BridgeRequest& request, BridgeReply* reply);
 // Creates the directory, socket and token and starts accepting on the
 // default main context.  False when no socket could be made.
 bool BridgeServerStart(BridgeHandler handler);
-// Floating "(ayay)" start-up data for the extension: socket path and token.
-GVariant* BridgeStartupData();
+// The socket path and token for the extension's start-up data.
+void BridgeFillStartupData(StartupData* data);
 const std::string& BridgeSocketPath();
 // Closes every connection and removes the socket and its directory.
 void BridgeServerStop();

@@ -10,7 +10,7 @@ namespace {
 // the page or plug-in produce travel unchanged.
 constexpr const char* kRequestType = "(yymaymaymayd)";
 constexpr const char* kReplyType = "(mayi)";
-constexpr const char* kStartupType = "(ayay)";
+constexpr const char* kStartupType = "(ayayuas)";
 
 GVariant* MaybeBytes(const std::optional<std::string>& text) {
     GVariant* child = nullptr;
@@ -99,22 +99,39 @@ uint32_t ReadFrameLength(const void* header) {
     return length;
 }
 
-GVariant* MakeStartupData(const std::string& socketPath, const std::string& token) {
-    return g_variant_new("(@ay@ay)",
-                         g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, socketPath.data(), socketPath.size(), 1),
-                         g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, token.data(), token.size(), 1));
+GVariant* MakeStartupData(const StartupData& data) {
+    GVariantBuilder origins;
+    g_variant_builder_init(&origins, G_VARIANT_TYPE_STRING_ARRAY);
+    for (const std::string& origin : data.trustedOrigins) {
+        if (g_utf8_validate(origin.c_str(), -1, nullptr)) g_variant_builder_add(&origins, "s", origin.c_str());
+    }
+    return g_variant_new("(@ay@ayuas)",
+                         g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, data.socketPath.data(), data.socketPath.size(), 1),
+                         g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, data.token.data(), data.token.size(), 1),
+                         data.flags, &origins);
 }
 
-bool ParseStartupData(GVariant* data, std::string* socketPath, std::string* token) {
-    if (!data || !g_variant_is_of_type(data, G_VARIANT_TYPE(kStartupType))) return false;
-    GVariant* path = g_variant_get_child_value(data, 0);
-    GVariant* secret = g_variant_get_child_value(data, 1);
+bool ParseStartupData(GVariant* variant, StartupData* data) {
+    if (!variant || !g_variant_is_of_type(variant, G_VARIANT_TYPE(kStartupType))) return false;
+    GVariant* path = g_variant_get_child_value(variant, 0);
+    GVariant* secret = g_variant_get_child_value(variant, 1);
+    GVariant* origins = g_variant_get_child_value(variant, 3);
     gsize pathSize = 0, tokenSize = 0;
     const void* pathData = g_variant_get_fixed_array(path, &pathSize, 1);
     const void* tokenData = g_variant_get_fixed_array(secret, &tokenSize, 1);
-    socketPath->assign(static_cast<const char*>(pathData), pathSize);
-    token->assign(static_cast<const char*>(tokenData), tokenSize);
+    data->socketPath.assign(static_cast<const char*>(pathData), pathSize);
+    data->token.assign(static_cast<const char*>(tokenData), tokenSize);
+    g_variant_get_child(variant, 2, "u", &data->flags);
+    data->trustedOrigins.clear();
+    gsize count = g_variant_n_children(origins);
+    for (gsize i = 0; i < count; ++i) {
+        const char* origin = nullptr;
+        g_variant_get_child(origins, i, "&s", &origin);
+        data->trustedOrigins.push_back(origin);
+    }
     g_variant_unref(path);
     g_variant_unref(secret);
-    return !socketPath->empty() && socketPath->find('\0') == std::string::npos && token->size() == kTokenSize;
+    g_variant_unref(origins);
+    return !data->socketPath.empty() && data->socketPath.find('\0') == std::string::npos &&
+           data->token.size() == kTokenSize;
 }

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 // A frame larger than this closes the connection; a plug-in answer that
 // would not fit reaches the page as no answer (the empty string).
@@ -49,7 +50,17 @@ bool DecodeReply(const void* body, size_t size, BridgeReply* reply);
 // The length a header announces.
 uint32_t ReadFrameLength(const void* header);
 
-// Start-up data for the extension: socket path and token, one GVariant.
+// Start-up data for the extension, one GVariant: socket path, token, flags
+// and the origins that may see the script object (empty: every origin).
+enum : uint32_t {
+    STARTUP_DEVELOPER = 0x1,  // the page's console goes to stderr
+};
+struct StartupData {
+    std::string socketPath;
+    std::string token;
+    uint32_t flags = 0;
+    std::vector<std::string> trustedOrigins;
+};
 typedef struct _GVariant GVariant;
-GVariant* MakeStartupData(const std::string& socketPath, const std::string& token);
-bool ParseStartupData(GVariant* data, std::string* socketPath, std::string* token);
+GVariant* MakeStartupData(const StartupData& data);
+bool ParseStartupData(GVariant* variant, StartupData* data);

@@ -1,1 +1,97 @@
-// placeholder until this unit is written
+#include "bridge/user_agent.h"
+
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <cstring>
+
+namespace {
+
+constexpr char kProductToken[] = " Kavori/";
+
+// Position i of the field, or 0 past its end: short fields never reach
+// into the rest of the product information.
+char FieldChar(const char* field, size_t length, size_t i) { return i < length ? field[i] : '\0'; }
+
+bool IsDigit(char c, char lowest) { return c >= lowest && c <= '9'; }
+
+}  // namespace
+
+void AppendVersionDigits(const char* field, size_t length, char* out) {
+    if (out == nullptr) return;
+    if (field == nullptr) length = 0;
+    char* p = out + strlen(out);
+    // Two digits per part: a leading 0 of either part is dropped.
+    char c = FieldChar(field, length, 0);
+    if (IsDigit(c, '1')) *p++ = c;
+    c = FieldChar(field, length, 1);
+    if (IsDigit(c, '0')) *p++ = c;
+    *p++ = '.';
+    c = FieldChar(field, length, 2);
+    if (IsDigit(c, '1')) *p++ = c;
+    c = FieldChar(field, length, 3);
+    if (IsDigit(c, '0')) *p++ = c;
+    *p = '\0';
+}
+
+bool ComposeUserAgentText(const char* defaultAgent, char* productInfo, char* buffer, uint32_t size) {
+    if (defaultAgent == nullptr || productInfo == nullptr || buffer == nullptr) return false;
+    size_t agentLength = strlen(defaultAgent);
+    if (agentLength + 64 >= size) return false;
+
+    // "name;field2;version,...", split in place; separators found before a
+    // missing one stay overwritten.
+    char* name = productInfo;
+    char* separator = strchr(name, ';');
+    if (separator == nullptr) return false;
+    *separator = '\0';
+    separator = strchr(separator + 1, ';');
+    if (separator == nullptr) return false;
+    *separator = '\0';
+    char* version = separator + 1;
+    separator = strchr(version, ',');
+    if (separator == nullptr) return false;
+    *separator = '\0';
+
+    // The product name counts although it is not written.
+    size_t versionLength = strlen(version);
+    if (agentLength + strlen(name) + versionLength + 4 >= size) return false;
+
+    // Fits: agentLength + 64 < size leaves room for the token and digits.
+    memcpy(buffer, defaultAgent, agentLength);
+    memcpy(buffer + agentLength, kProductToken, sizeof kProductToken);
+    AppendVersionDigits(version, versionLength, buffer);
+
+    size_t length = strlen(buffer);
+    if (length + 32 >= size) return true;
+    // The description goes one byte past the text; that byte, the text's
+    // terminator, becomes the joining blank when there is a description.
+    if (ReadOsDescription(buffer + length + 1, size - 1 - static_cast<uint32_t>(length))) buffer[length] = ' ';
+    return true;
+}
+
+bool ReadOsDescription(char* buffer, uint32_t size) { return ReadOsDescriptionFrom("/etc/issue.net", buffer, size); }
+
+bool ReadOsDescriptionFrom(const char* path, char* buffer, uint32_t size) {
+    if (buffer == nullptr || size == 0) return false;
+    buffer[0] = '\0';
+    struct stat st;
+    if (path == nullptr || stat(path, &st) != 0) return false;
+    FILE* file = fopen(path, "rb");
+    if (file == nullptr) return false;
+    size_t count = fread(buffer, 1, size - 1, file);
+    buffer[count] = '\0';
+    fclose(file);
+    if (count == 0) return false;
+
+    // "Ubuntu 16.04.7 LTS" -> "Ubuntu 16.04" -> "Ubuntu/16.04"; a line end
+    // before the cut stays.
+    char* dot = strchr(buffer, '.');
+    if (dot != nullptr) {
+        char* second = strchr(dot + 1, '.');
+        if (second != nullptr) *second = '\0';
+    }
+    char* blank = strrchr(buffer, ' ');
+    if (blank != nullptr) *blank = '/';
+    return buffer[0] != '\0';
+}

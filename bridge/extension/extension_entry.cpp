@@ -23,9 +23,9 @@ void OnWindowObjectCleared(WebKitScriptWorld* world, WebKitWebPage*, WebKitFrame
 
 extern "C" __attribute__((visibility("default"))) void webkit_web_extension_initialize_with_user_data(
     WebKitWebExtension*, GVariant* data) {
-    std::string socketPath, token;
+    StartupData startup;
     // Without usable start-up data every call gives its default result.
-    if (ParseStartupData(data, &socketPath, &token)) ChannelConfigure(socketPath, token);
+    if (ParseStartupData(data, &startup)) ChannelConfigure(startup.socketPath, startup.token);
     g_signal_connect(webkit_script_world_get_default(), "window-object-cleared", G_CALLBACK(OnWindowObjectCleared),
                      nullptr);
 }

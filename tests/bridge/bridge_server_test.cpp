@@ -90,10 +90,10 @@ protected:
     void SetUp() override {
         setenv("XDG_RUNTIME_DIR", m_runtime.path().c_str(), 1);
         ASSERT_TRUE(BridgeServerStart(EchoHandler));
-        std::string path;
-        GVariant* data = g_variant_ref_sink(BridgeStartupData());
-        ASSERT_TRUE(ParseStartupData(data, &path, &m_token));
-        g_variant_unref(data);
+        StartupData data;
+        BridgeFillStartupData(&data);
+        m_token = data.token;
+        ASSERT_EQ(m_token.size(), kTokenSize);
         g_handled = 0;
     }
     void TearDown() override { BridgeServerStop(); }

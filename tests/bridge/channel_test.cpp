@@ -98,23 +98,34 @@ TEST(Channel, RandomBytesNeverDecodeBadly) {
 }
 
 TEST(Channel, StartupDataNeedsAPathAndAFullToken) {
-    std::string path, token;
-    GVariant* data = g_variant_ref_sink(MakeStartupData("/run/x/bridge", std::string(kTokenSize, 't')));
-    ASSERT_TRUE(ParseStartupData(data, &path, &token));
-    EXPECT_EQ(path, "/run/x/bridge");
-    EXPECT_EQ(token, std::string(kTokenSize, 't'));
+    StartupData in;
+    in.socketPath = "/run/x/bridge";
+    in.token = std::string(kTokenSize, 't');
+    in.flags = STARTUP_DEVELOPER;
+    in.trustedOrigins = {"file://", "http://127.0.0.1:8080"};
+    StartupData out;
+    GVariant* data = g_variant_ref_sink(MakeStartupData(in));
+    ASSERT_TRUE(ParseStartupData(data, &out));
+    EXPECT_EQ(out.socketPath, in.socketPath);
+    EXPECT_EQ(out.token, in.token);
+    EXPECT_EQ(out.flags, in.flags);
+    EXPECT_EQ(out.trustedOrigins, in.trustedOrigins);
     g_variant_unref(data);
 
-    data = g_variant_ref_sink(MakeStartupData("/run/x/bridge", "short"));
-    EXPECT_FALSE(ParseStartupData(data, &path, &token));
+    StartupData bad = in;
+    bad.token = "short";
+    data = g_variant_ref_sink(MakeStartupData(bad));
+    EXPECT_FALSE(ParseStartupData(data, &out));
     g_variant_unref(data);
-    data = g_variant_ref_sink(MakeStartupData(std::string("/a\0b", 4), std::string(kTokenSize, 't')));
-    EXPECT_FALSE(ParseStartupData(data, &path, &token));
+    bad = in;
+    bad.socketPath = std::string("/a\0b", 4);
+    data = g_variant_ref_sink(MakeStartupData(bad));
+    EXPECT_FALSE(ParseStartupData(data, &out));
     g_variant_unref(data);
     data = g_variant_ref_sink(g_variant_new("(ss)", "/run/x", "token"));
-    EXPECT_FALSE(ParseStartupData(data, &path, &token));
+    EXPECT_FALSE(ParseStartupData(data, &out));
     g_variant_unref(data);
-    EXPECT_FALSE(ParseStartupData(nullptr, &path, &token));
+    EXPECT_FALSE(ParseStartupData(nullptr, &out));
 }
 
 }  // namespace
