@@ -6,90 +6,152 @@
 
 namespace {
 
-// (op, argc, text1, text2, text3, number); texts as byte arrays so any bytes
-// the page or plug-in produce travel unchanged.
-constexpr const char* kRequestType = "(yymaymaymayd)";
-constexpr const char* kReplyType = "(mayi)";
+// Socket path, token, flags, trusted origins.
 constexpr const char* kStartupType = "(ayayuas)";
 
-GVariant* MaybeBytes(const std::optional<std::string>& text) {
-    GVariant* child = nullptr;
-    if (text) {
-        child = g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, text->data(), text->size(), 1);
+}  // namespace
+
+// The two message types are fixed, so they are written and read here in
+// GVariant's own serialised form, byte for byte what GLib makes of them (the
+// tests check both ways), without building a GVariant tree per call: GLib's
+// type registry lock and allocations cost more than the rest of a call.
+//
+// "(yymaymaymayd)": y, y, three maybe byte strings (a present one is its
+// bytes and one zero byte, an absent one nothing), zero padding to 8, the
+// double, then the end offsets of the three maybes, last one first.
+// "(mayi)": the maybe, zero padding to 4, the int32, the maybe's end offset.
+// Offsets take 1, 2 or 4 bytes: the fewest that can address the whole body.
+
+namespace {
+
+size_t Align(size_t value, size_t alignment) { return (value + alignment - 1) & ~(alignment - 1); }
+
+size_t OffsetSize(size_t bodySize) {
+    if (bodySize <= 0xFF) return 1;
+    if (bodySize <= 0xFFFF) return 2;
+    return 4;
+}
+
+// The smallest offset size whose body, with `count` offsets, it can address.
+size_t BodySizeWithOffsets(size_t dataSize, size_t count, size_t* offsetSize) {
+    for (size_t size : {size_t(1), size_t(2), size_t(4), size_t(8)}) {
+        size_t total = dataSize + count * size;
+        if (OffsetSize(total) <= size || size == 8) {
+            *offsetSize = size;
+            return total;
+        }
     }
-    return g_variant_new_maybe(G_VARIANT_TYPE_BYTESTRING, child);
+    return 0;
 }
 
-std::optional<std::string> ReadMaybeBytes(GVariant* maybe) {
-    GVariant* child = g_variant_get_maybe(maybe);
-    if (!child) return std::nullopt;
-    gsize size = 0;
-    const void* data = g_variant_get_fixed_array(child, &size, 1);
-    std::string text(static_cast<const char*>(data), size);
-    g_variant_unref(child);
-    return text;
+void PutOffset(char* at, uint64_t value, size_t size) {
+    for (size_t i = 0; i < size; ++i) at[i] = static_cast<char>((value >> (8 * i)) & 0xFF);
 }
 
-std::string Frame(GVariant* value) {
-    g_variant_ref_sink(value);
-    gsize size = g_variant_get_size(value);
-    std::string frame(kFrameHeaderSize + size, '\0');
-    uint32_t length = static_cast<uint32_t>(size);
-    memcpy(&frame[0], &length, sizeof length);
-    // Serialised data must be aligned for its type; the frame's body is not
-    // (it follows a 4-byte header), so copy what GLib serialised for us.
-    memcpy(&frame[kFrameHeaderSize], g_variant_get_data(value), size);
-    g_variant_unref(value);
-    return frame;
-}
-
-// Untrusted bytes: GLib checks them lazily and never reads outside them;
-// asking for the normal form makes every later access cheap and safe.
-GVariant* Open(const void* body, size_t size, const char* type) {
-    GBytes* bytes = g_bytes_new(body, size);
-    GVariant* value = g_variant_new_from_bytes(G_VARIANT_TYPE(type), bytes, FALSE);
-    g_bytes_unref(bytes);
-    g_variant_ref_sink(value);
-    if (!g_variant_is_normal_form(value)) {
-        g_variant_unref(value);
-        return nullptr;
-    }
+uint64_t GetOffset(const unsigned char* at, size_t size) {
+    uint64_t value = 0;
+    for (size_t i = 0; i < size; ++i) value |= static_cast<uint64_t>(at[i]) << (8 * i);
     return value;
+}
+
+size_t MaybeSize(const std::optional<std::string>& text) { return text ? text->size() + 1 : 0; }
+
+char* PutMaybe(char* at, const std::optional<std::string>& text) {
+    if (!text) return at;
+    memcpy(at, text->data(), text->size());
+    at[text->size()] = '\0';
+    return at + text->size() + 1;
+}
+
+// A maybe byte string from [begin, end); false when not in normal form.
+bool GetMaybe(const unsigned char* body, size_t begin, size_t end, std::optional<std::string>* text) {
+    if (begin == end) {
+        text->reset();
+        return true;
+    }
+    if (body[end - 1] != 0) return false;
+    text->emplace(reinterpret_cast<const char*>(body) + begin, end - begin - 1);
+    return true;
+}
+
+bool ZeroBytes(const unsigned char* body, size_t begin, size_t end) {
+    for (size_t i = begin; i < end; ++i) {
+        if (body[i] != 0) return false;
+    }
+    return true;
+}
+
+std::string Header(size_t bodySize) {
+    uint32_t length = static_cast<uint32_t>(bodySize);
+    return std::string(reinterpret_cast<const char*>(&length), sizeof length);
 }
 
 }  // namespace
 
 std::string EncodeRequest(const BridgeRequest& request) {
-    return Frame(g_variant_new("(yy@may@may@mayd)", request.op, request.argc, MaybeBytes(request.text[0]),
-                               MaybeBytes(request.text[1]), MaybeBytes(request.text[2]), request.number));
+    size_t ends[3];
+    size_t at = 2;
+    for (int i = 0; i < 3; ++i) ends[i] = at += MaybeSize(request.text[i]);
+    size_t numberAt = Align(at, 8);
+    size_t offsetSize = 0;
+    size_t bodySize = BodySizeWithOffsets(numberAt + 8, 3, &offsetSize);
+    std::string frame = Header(bodySize);
+    frame.resize(kFrameHeaderSize + bodySize, '\0');
+    char* body = &frame[kFrameHeaderSize];
+    body[0] = static_cast<char>(request.op);
+    body[1] = static_cast<char>(request.argc);
+    char* cursor = body + 2;
+    for (int i = 0; i < 3; ++i) cursor = PutMaybe(cursor, request.text[i]);
+    memcpy(body + numberAt, &request.number, 8);
+    for (int i = 0; i < 3; ++i) PutOffset(body + numberAt + 8 + static_cast<size_t>(i) * offsetSize, ends[2 - i], offsetSize);
+    return frame;
 }
 
 std::string EncodeReply(const BridgeReply& reply) {
-    return Frame(g_variant_new("(@mayi)", MaybeBytes(reply.text), reply.code));
+    size_t end = MaybeSize(reply.text);
+    size_t codeAt = Align(end, 4);
+    size_t offsetSize = 0;
+    size_t bodySize = BodySizeWithOffsets(codeAt + 4, 1, &offsetSize);
+    std::string frame = Header(bodySize);
+    frame.resize(kFrameHeaderSize + bodySize, '\0');
+    char* body = &frame[kFrameHeaderSize];
+    PutMaybe(body, reply.text);
+    memcpy(body + codeAt, &reply.code, 4);
+    PutOffset(body + codeAt + 4, end, offsetSize);
+    return frame;
 }
 
-bool DecodeRequest(const void* body, size_t size, BridgeRequest* request) {
-    GVariant* value = Open(body, size, kRequestType);
-    if (!value) return false;
-    GVariant* texts[3] = {nullptr, nullptr, nullptr};
-    g_variant_get(value, "(yy@may@may@mayd)", &request->op, &request->argc, &texts[0], &texts[1], &texts[2],
-                  &request->number);
+bool DecodeRequest(const void* data, size_t size, BridgeRequest* request) {
+    const unsigned char* body = static_cast<const unsigned char*>(data);
+    size_t offsetSize = OffsetSize(size);
+    if (size < 2 + 8 + 3 * offsetSize) return false;
+    size_t offsetsAt = size - 3 * offsetSize;
+    size_t ends[3];
+    for (int i = 0; i < 3; ++i) ends[2 - i] = GetOffset(body + offsetsAt + static_cast<size_t>(i) * offsetSize, offsetSize);
+    if (ends[0] < 2 || ends[0] > ends[1] || ends[1] > ends[2]) return false;
+    size_t numberAt = Align(ends[2], 8);
+    if (numberAt + 8 != offsetsAt || !ZeroBytes(body, ends[2], numberAt)) return false;
+    size_t begin = 2;
     for (int i = 0; i < 3; ++i) {
-        request->text[i] = ReadMaybeBytes(texts[i]);
-        g_variant_unref(texts[i]);
+        if (!GetMaybe(body, begin, ends[i], &request->text[i])) return false;
+        begin = ends[i];
     }
-    g_variant_unref(value);
+    request->op = body[0];
+    request->argc = body[1];
+    memcpy(&request->number, body + numberAt, 8);
     return request->op < BRIDGE_OP_COUNT;
 }
 
-bool DecodeReply(const void* body, size_t size, BridgeReply* reply) {
-    GVariant* value = Open(body, size, kReplyType);
-    if (!value) return false;
-    GVariant* text = nullptr;
-    g_variant_get(value, "(@mayi)", &text, &reply->code);
-    reply->text = ReadMaybeBytes(text);
-    g_variant_unref(text);
-    g_variant_unref(value);
+bool DecodeReply(const void* data, size_t size, BridgeReply* reply) {
+    const unsigned char* body = static_cast<const unsigned char*>(data);
+    size_t offsetSize = OffsetSize(size);
+    if (size < 4 + offsetSize) return false;
+    size_t offsetsAt = size - offsetSize;
+    size_t end = GetOffset(body + offsetsAt, offsetSize);
+    size_t codeAt = Align(end, 4);
+    if (end > offsetsAt || codeAt + 4 != offsetsAt || !ZeroBytes(body, end, codeAt)) return false;
+    if (!GetMaybe(body, 0, end, &reply->text)) return false;
+    memcpy(&reply->code, body + codeAt, 4);
     return true;
 }
 

@@ -35,6 +35,11 @@ void AppendVersionDigits(const char* field, size_t length, char* out) {
 }
 
 bool ComposeUserAgentText(const char* defaultAgent, char* productInfo, char* buffer, uint32_t size) {
+    return ComposeUserAgentTextFrom("/etc/issue.net", defaultAgent, productInfo, buffer, size);
+}
+
+bool ComposeUserAgentTextFrom(const char* osDescriptionPath, const char* defaultAgent, char* productInfo,
+                              char* buffer, uint32_t size) {
     if (defaultAgent == nullptr || productInfo == nullptr || buffer == nullptr) return false;
     size_t agentLength = strlen(defaultAgent);
     if (agentLength + 64 >= size) return false;
@@ -66,7 +71,8 @@ bool ComposeUserAgentText(const char* defaultAgent, char* productInfo, char* buf
     if (length + 32 >= size) return true;
     // The description goes one byte past the text; that byte, the text's
     // terminator, becomes the joining blank when there is a description.
-    if (ReadOsDescription(buffer + length + 1, size - 1 - static_cast<uint32_t>(length))) buffer[length] = ' ';
+    uint32_t room = size - 1 - static_cast<uint32_t>(length);
+    if (ReadOsDescriptionFrom(osDescriptionPath, buffer + length + 1, room)) buffer[length] = ' ';
     return true;
 }
 

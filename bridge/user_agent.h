@@ -11,6 +11,9 @@
 // split in place.  Fills buffer (zeroed by the caller) and returns true when
 // it holds a composed user agent.
 bool ComposeUserAgentText(const char* defaultAgent, char* productInfo, char* buffer, uint32_t size);
+// The same with the description read from osDescriptionPath (tests).
+bool ComposeUserAgentTextFrom(const char* osDescriptionPath, const char* defaultAgent, char* productInfo,
+                              char* buffer, uint32_t size);
 
 // Appends the version digits of a version field of `length` bytes to out:
 // at most four characters and a dot.  Positions past the field count as

@@ -83,18 +83,31 @@ bool ChannelCall(const BridgeRequest& request, BridgeReply* reply) {
         Lose();
         return false;
     }
-    unsigned char header[kFrameHeaderSize];
-    if (!SendAll(EncodeRequest(request)) || !ReceiveAll(header, sizeof header)) {
+    // Replies to small calls come in one read: header and body together.
+    char first[4096];
+    ssize_t got;
+    do {
+        got = SendAll(EncodeRequest(request)) ? recv(g_fd, first, sizeof first, 0) : -1;
+    } while (got < 0 && errno == EINTR);
+    if (got < static_cast<ssize_t>(kFrameHeaderSize)) {
+        if (got > 0 && !ReceiveAll(first + got, kFrameHeaderSize - static_cast<size_t>(got))) got = -1;
+        if (got <= 0) {
+            Lose();
+            return false;
+        }
+        got = kFrameHeaderSize;
+    }
+    uint32_t length = ReadFrameLength(first);
+    size_t have = static_cast<size_t>(got) - kFrameHeaderSize;
+    // The host sends nothing unasked, so more than one frame is a broken peer.
+    if (length == 0 || length > kMaxFrameSize || have > length) {
         Lose();
         return false;
     }
-    uint32_t length = ReadFrameLength(header);
-    if (length == 0 || length > kMaxFrameSize) {
-        Lose();
-        return false;
-    }
-    std::string body(length, '\0');
-    if (!ReceiveAll(&body[0], length) || !DecodeReply(body.data(), body.size(), reply)) {
+    std::string body(first + kFrameHeaderSize, have);
+    body.resize(length);
+    if ((have < length && !ReceiveAll(&body[have], length - have)) ||
+        !DecodeReply(body.data(), body.size(), reply)) {
         Lose();
         return false;
     }

@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstring>
 #include <functional>
 #include <thread>
@@ -65,10 +66,12 @@ public:
         std::string body(ReadFrameLength(header), '\0');
         return ReadAll(&body[0], body.size()) && DecodeReply(body.data(), body.size(), reply);
     }
-    // True when the host closed the connection.
+    // True when the host closed the connection (a close with our bytes
+    // still unread arrives as a reset).
     bool Closed() {
         char c;
-        return recv(m_fd, &c, 1, 0) == 0;
+        ssize_t n = recv(m_fd, &c, 1, 0);
+        return n == 0 || (n < 0 && errno == ECONNRESET);
     }
 
 private:
