@@ -1,0 +1,52 @@
+// The PKCS#11 module that the demo plug-in drives: loaded by path, initialised
+// once, and asked only what a PIN dialog needs.
+#pragma once
+
+#include <p11-kit/pkcs11.h>
+
+#include <string>
+#include <vector>
+
+#include "secret_buffer.h"
+
+struct TokenEntry {
+    CK_SLOT_ID slot = 0;
+    std::string label;
+    std::string serial;
+    std::string manufacturer;
+    std::string model;
+};
+
+// Token fields are blank-padded and not terminated; this gives the text.
+std::string TokenText(const unsigned char* field, size_t size);
+// "CKR_PIN_INCORRECT" for 0xA0; "CKR_0x..." for codes without a name.
+std::string ResultName(CK_RV rv);
+
+class Pkcs11Module {
+public:
+    Pkcs11Module() = default;
+    ~Pkcs11Module() { Close(); }
+    Pkcs11Module(const Pkcs11Module&) = delete;
+    Pkcs11Module& operator=(const Pkcs11Module&) = delete;
+
+    // Loads and initialises the module. CKR_FUNCTION_FAILED when the file
+    // cannot be loaded or has no function list (*why says what went wrong),
+    // otherwise the module's answer to C_Initialize.
+    CK_RV Open(const std::string& path, std::string* why);
+    // C_Finalize when this object initialised the module; it stays loaded.
+    void Finalize();
+    void Close();
+    bool open() const { return m_functions != nullptr; }
+
+    // Slots whose token is present and initialised, in the module's order.
+    CK_RV ListTokens(std::vector<TokenEntry>* tokens);
+    CK_RV GetTokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO* info);
+    // Verifies the user PIN in a session of its own and logs out again: the
+    // dialog proves the PIN, it does not keep the token unlocked.
+    CK_RV Login(CK_SLOT_ID slot, const SecretBuffer& pin);
+
+private:
+    void* m_library = nullptr;
+    CK_FUNCTION_LIST_PTR m_functions = nullptr;
+    bool m_initializedHere = false;
+};
