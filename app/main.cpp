@@ -99,6 +99,7 @@ int main(int argc, char** argv) {
         gtk_window_set_title(GTK_WINDOW(g_mainWindow), title);
         gtk_window_set_default_size(GTK_WINDOW(g_mainWindow), geometry.width, geometry.height);
         g_signal_connect(g_mainWindow, "destroy", G_CALLBACK(OnDestroy), nullptr);
+        ConnectDeveloperKeys(g_mainWindow);
 
         ApplyWebSettings(userAgent);
         gtk_container_add(GTK_CONTAINER(g_mainWindow), box);

@@ -9,10 +9,14 @@
 #include <webkit2/webkit2.h>
 
 #include <cstdlib>
+#include <cstdio>
 #include <cstring>
+#include <string>
+#include <vector>
 
 #include "app/host_state.h"
 #include "bridge/bridge_server.h"
+#include "bridge/origins.h"
 #include "bridge/launch.h"
 #include "bridge/script_calls.h"
 
@@ -27,11 +31,65 @@ constexpr gint64 kCrashWindowUs = 30 * G_USEC_PER_SEC;
 gint64 g_crashTimes[kMaxCrashes] = {0, 0, 0};
 int g_crashCount = 0;
 
+std::vector<std::string>* g_trustedOrigins = nullptr;
+
+const std::vector<std::string>& TrustedOrigins() {
+    if (!g_trustedOrigins) g_trustedOrigins = new std::vector<std::string>(ParseTrustedOrigins(getenv("KAVORI_TRUSTED_ORIGINS")));
+    return *g_trustedOrigins;
+}
+
+// The web process's word that a frame is trusted is not enough: while the
+// view's own top-level document is not on the list, no request is served.
+void HandleGatedRequest(const BridgeRequest& request, BridgeReply* reply) {
+    if (!TrustedOrigins().empty() &&
+        (!g_webView || !OriginTrusted(TrustedOrigins(), webkit_web_view_get_uri(WEBKIT_WEB_VIEW(g_webView))))) {
+        return;
+    }
+    HandleBridgeRequest(request, reply);
+}
+
 void OnInitializeWebExtensions(WebKitWebContext* context, gpointer) {
-    BridgeServerStart(HandleBridgeRequest);
+    BridgeServerStart(HandleGatedRequest);
     StartupData data;
     BridgeFillStartupData(&data);
+    data.flags = DeveloperMode() ? uint32_t(STARTUP_DEVELOPER) : 0u;
+    data.trustedOrigins = TrustedOrigins();
     webkit_web_context_set_web_extensions_initialization_user_data(context, MakeStartupData(data));
+}
+
+// While the origins are restricted, new windows never open, and the main
+// frame's document is only taken from a listed origin.  Navigation
+// decisions look the same for sub-frames and the main frame; the response
+// decision tells them apart, after redirects, before anything is shown.
+gboolean OnDecidePolicy(WebKitWebView*, WebKitPolicyDecision* decision, WebKitPolicyDecisionType type, gpointer) {
+    if (TrustedOrigins().empty()) return FALSE;
+    if (type == WEBKIT_POLICY_DECISION_TYPE_NEW_WINDOW_ACTION) {
+        webkit_policy_decision_ignore(decision);
+        return TRUE;
+    }
+    if (type != WEBKIT_POLICY_DECISION_TYPE_RESPONSE) return FALSE;
+    WebKitResponsePolicyDecision* response = WEBKIT_RESPONSE_POLICY_DECISION(decision);
+    if (!webkit_response_policy_decision_is_main_frame_main_resource(response)) return FALSE;
+    const char* uri = webkit_uri_request_get_uri(webkit_response_policy_decision_get_request(response));
+    if (OriginTrusted(TrustedOrigins(), uri)) return FALSE;
+    fprintf(stderr, "kavori-host: refused navigation to %s: origin not in KAVORI_TRUSTED_ORIGINS\n", uri ? uri : "");
+    webkit_policy_decision_ignore(decision);
+    return TRUE;
+}
+
+// Developer mode: F5 and Ctrl+R reload, Ctrl+Shift+I opens the inspector.
+gboolean OnDeveloperKey(GtkWidget*, GdkEventKey* event, gpointer) {
+    guint state = event->state & gtk_accelerator_get_default_mod_mask();
+    guint key = gdk_keyval_to_lower(event->keyval);
+    if (key == GDK_KEY_F5 || (state == GDK_CONTROL_MASK && key == GDK_KEY_r)) {
+        webkit_web_view_reload(WEBKIT_WEB_VIEW(g_webView));
+        return TRUE;
+    }
+    if (state == (GDK_CONTROL_MASK | GDK_SHIFT_MASK) && key == GDK_KEY_i) {
+        webkit_web_inspector_show(webkit_web_view_get_inspector(WEBKIT_WEB_VIEW(g_webView)));
+        return TRUE;
+    }
+    return FALSE;
 }
 
 void OnWebProcessTerminated(WebKitWebView* view, WebKitWebProcessTerminationReason, gpointer) {
@@ -86,6 +144,7 @@ GtkWidget* BuildWebViewBox() {
     gtk_scrolled_window_set_policy(GTK_SCROLLED_WINDOW(scrolled), GTK_POLICY_AUTOMATIC, GTK_POLICY_AUTOMATIC);
     g_webView = webkit_web_view_new();
     g_signal_connect(g_webView, "web-process-terminated", G_CALLBACK(OnWebProcessTerminated), nullptr);
+    g_signal_connect(g_webView, "decide-policy", G_CALLBACK(OnDecidePolicy), nullptr);
     gtk_container_add(GTK_CONTAINER(scrolled), g_webView);
     gtk_box_pack_start(GTK_BOX(box), scrolled, TRUE, TRUE, 0);
     return box;
@@ -123,3 +182,12 @@ void WatchTerminationSignals() {
 }
 
 bool TerminatedBySignal() { return g_terminated; }
+
+bool DeveloperMode() {
+    const char* value = getenv("KAVORI_DEVELOPER");
+    return value && strcmp(value, "1") == 0;
+}
+
+void ConnectDeveloperKeys(GtkWidget* window) {
+    if (DeveloperMode()) g_signal_connect(window, "key-press-event", G_CALLBACK(OnDeveloperKey), nullptr);
+}

@@ -20,3 +20,8 @@ void WatchTerminationSignals();
 bool TerminatedBySignal();
 // The directory holding the web extension, found from /proc/self/exe.
 bool FindExtensionDirectory(char* out, uint32_t size);
+
+// KAVORI_DEVELOPER=1: developer extras, the page's console on stderr and
+// reload / inspector keys, for this run only.
+bool DeveloperMode();
+void ConnectDeveloperKeys(GtkWidget* window);

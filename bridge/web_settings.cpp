@@ -6,6 +6,7 @@
 
 #include "app/host_state.h"
 #include "app/paths.h"
+#include "app/window.h"
 #include "bridge/forwarding.h"
 #include "bridge/user_agent.h"
 
@@ -43,6 +44,8 @@ void ApplyWebSettings(const char* userAgent) {
         // Showing and running insecure content on secure pages has no
         // WebKit2 setting: WebKitGTK 4.1 always shows mixed passive content
         // and blocks active content, and offers no switch for either.
+        // Only on the caller's request: a dialog never shows the inspector otherwise.
+        if (DeveloperMode()) g_object_set(settings, "enable-developer-extras", TRUE, nullptr);
         if (userAgent) {
             if (userAgent[0]) {
                 g_object_set(settings, "user-agent", userAgent, nullptr);

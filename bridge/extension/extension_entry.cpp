@@ -1,15 +1,21 @@
 // WebKit loads this library into every web process.  It only unpacks the
-// host's start-up data and installs the script object into every frame.
+// host's start-up data and installs the script object into every frame
+// (every trusted frame, when the caller restricted the origins).
 #include <webkit2/webkit-web-extension.h>
 
+#include <cstdio>
 #include <string>
 
 #include "bridge/extension/channel_client.h"
 #include "bridge/extension/script_object.h"
+#include "bridge/origins.h"
 
 namespace {
 
+StartupData* g_startup = nullptr;
+
 void OnWindowObjectCleared(WebKitScriptWorld* world, WebKitWebPage*, WebKitFrame* frame, gpointer) {
+    if (!OriginTrusted(g_startup->trustedOrigins, webkit_frame_get_uri(frame))) return;
     // The JavaScriptCore C API keeps the class table and function callbacks
     // that the script object is made of; its frame accessor is deprecated
     // in favour of the GObject wrapper, which has no static-function classes.
@@ -19,13 +25,45 @@ void OnWindowObjectCleared(WebKitScriptWorld* world, WebKitWebPage*, WebKitFrame
     if (context) InstallScriptObject(context);
 }
 
+const char* LevelName(WebKitConsoleMessageLevel level) {
+    switch (level) {
+        case WEBKIT_CONSOLE_MESSAGE_LEVEL_ERROR: return "console.error";
+        case WEBKIT_CONSOLE_MESSAGE_LEVEL_WARNING: return "console.warn";
+        case WEBKIT_CONSOLE_MESSAGE_LEVEL_DEBUG: return "console.debug";
+        case WEBKIT_CONSOLE_MESSAGE_LEVEL_INFO: return "console.info";
+        default: return "console.log";
+    }
+}
+
+// Developer mode: one line per console message or uncaught error.
+void OnConsoleMessage(WebKitWebPage*, WebKitConsoleMessage* message, gpointer) {
+    const char* source = webkit_console_message_get_source_id(message);
+    const char* text = webkit_console_message_get_text(message);
+    fprintf(stderr, "%s: %s:%u: %s\n", LevelName(webkit_console_message_get_level(message)), source ? source : "",
+            webkit_console_message_get_line(message), text ? text : "");
+    fflush(stderr);
+}
+
+void OnPageCreated(WebKitWebExtension*, WebKitWebPage* page, gpointer) {
+    // The page's console is only reachable here in this WebKit; the signal
+    // is deprecated for the next API generation, which offers none either.
+    g_signal_connect(page, "console-message-sent", G_CALLBACK(OnConsoleMessage), nullptr);
+}
+
 }  // namespace
 
 extern "C" __attribute__((visibility("default"))) void webkit_web_extension_initialize_with_user_data(
-    WebKitWebExtension*, GVariant* data) {
-    StartupData startup;
+    WebKitWebExtension* extension, GVariant* data) {
+    g_startup = new StartupData;
     // Without usable start-up data every call gives its default result.
-    if (ParseStartupData(data, &startup)) ChannelConfigure(startup.socketPath, startup.token);
+    if (ParseStartupData(data, g_startup)) {
+        ChannelConfigure(g_startup->socketPath, g_startup->token);
+    } else {
+        g_startup->trustedOrigins.clear();
+    }
     g_signal_connect(webkit_script_world_get_default(), "window-object-cleared", G_CALLBACK(OnWindowObjectCleared),
                      nullptr);
+    if (g_startup->flags & STARTUP_DEVELOPER) {
+        g_signal_connect(extension, "page-created", G_CALLBACK(OnPageCreated), nullptr);
+    }
 }
