@@ -7,7 +7,7 @@ packages=(
   build-essential cmake pkg-config
   libgtk-3-dev libwebkit2gtk-4.1-dev libp11-kit-dev libjson-glib-dev
   libgtest-dev googletest
-  xvfb xauth x11-utils xdotool imagemagick
+  xvfb xauth x11-utils xdotool imagemagick openbox
   softhsm2 opensc
   clang libclang-rt-14-dev
 )
