@@ -12,10 +12,11 @@ ScriptTransport g_transport = ChannelCall;
 
 JSValueRef MakeString(JSContextRef context, const char* text) {
     // Plug-in answers are not checked for UTF-8 on the host; make sure the
-    // page gets a well-formed string whatever bytes came back.
-    gchar* valid = g_utf8_make_valid(text, -1);
-    JSStringRef string = JSStringCreateWithUTF8CString(valid);
-    g_free(valid);
+    // page gets a well-formed string whatever bytes came back, copying only
+    // when something needs replacing.
+    gchar* repaired = g_utf8_validate(text, -1, nullptr) ? nullptr : g_utf8_make_valid(text, -1);
+    JSStringRef string = JSStringCreateWithUTF8CString(repaired ? repaired : text);
+    g_free(repaired);
     JSValueRef value = JSValueMakeString(context, string);
     JSStringRelease(string);
     return value;

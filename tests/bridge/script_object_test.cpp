@@ -100,10 +100,12 @@ TEST_F(ScriptObject, StringsTravelAndAnswersComeBack) {
     EXPECT_EQ(*g_requests[2].text[1], "");
 }
 
-TEST_F(ScriptObject, NoAnswerReadsAsTheEmptyString) {
+TEST_F(ScriptObject, NoAnswerReadsAsTheEmptyStringAndBadBytesAreReplaced) {
     g_nextReply.text.reset();
     EXPECT_EQ(Eval("Kavori.GetProperty('missing')"), "\"\"");
     EXPECT_EQ(Eval("Kavori.EnumProperty('a', 'b')"), "\"\"");
+    g_nextReply.text = std::string("ok \xff end");
+    EXPECT_EQ(Eval("Kavori.GetProperty('bytes')"), "\"ok \xef\xbf\xbd end\"");
 }
 
 TEST_F(ScriptObject, TextsAreUtf8AndCutAtAnEmbeddedNul) {
