@@ -4,6 +4,7 @@
 #include <strings.h>
 #include <webkit2/webkit2.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
 
@@ -29,14 +30,24 @@ void ReplaceText(char** slot, const char* text) {
     *slot = CopyText(text);
 }
 
+// GDK makes no native window beyond 32767 pixels a side; a larger size
+// (a page's -1 asks for 65535 x 65535) ends the host in an X error or a
+// crash while drawing, so both calls get at most this.
+constexpr int kLargestSide = 32767;
+
 void Resize(const char* arg2, double arg2Number) {
     uint32_t packed = arg2 ? ParseNumber(arg2) : PackedSizeFromNumber(arg2Number);
-    int width = static_cast<int>(packed >> 16);
-    int height = static_cast<int>(packed & 0xFFFF);
+    int width = std::min(static_cast<int>(packed >> 16), kLargestSide);
+    int height = std::min(static_cast<int>(packed & 0xFFFF), kLargestSide);
     if (g_webView) gtk_widget_set_size_request(g_webView, width, height);
     // GTK refuses a zero-sized window resize with a warning; the request
     // above still goes through, the window keeps its size.
-    if (g_mainWindow && width > 0 && height > 0) gtk_window_resize(GTK_WINDOW(g_mainWindow), width, height);
+    if (g_mainWindow && width > 0 && height > 0) {
+        // GTK 3 never makes a window that is not resizable smaller than its
+        // default size; moving that floor along lets a page shrink it too.
+        gtk_window_set_default_size(GTK_WINDOW(g_mainWindow), width, height);
+        gtk_window_resize(GTK_WINDOW(g_mainWindow), width, height);
+    }
 }
 
 }  // namespace

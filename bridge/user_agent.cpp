@@ -15,7 +15,60 @@ char FieldChar(const char* field, size_t length, size_t i) { return i < length ?
 
 bool IsDigit(char c, char lowest) { return c >= lowest && c <= '9'; }
 
+bool IsTokenChar(unsigned char c) {
+    return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') ||
+           (c != '\0' && strchr("!#$%&'*+-.^_`|~", c) != nullptr);
+}
+
+const char* SkipToken(const char* p) {
+    while (IsTokenChar(static_cast<unsigned char>(*p))) ++p;
+    return p;
+}
+
+// Past a comment that starts at p (nested comments and backslash pairs
+// included), or null when it is not one.
+const char* SkipComment(const char* p) {
+    int depth = 0;
+    for (; *p != '\0'; ++p) {
+        unsigned char c = static_cast<unsigned char>(*p);
+        if (c == '(') {
+            ++depth;
+        } else if (c == ')') {
+            if (--depth == 0) return p + 1;
+        } else if (c == '\\') {
+            if (*++p == '\0') return nullptr;
+        } else if (c != '\t' && (c < 0x20 || c == 0x7F)) {
+            return nullptr;
+        }
+    }
+    return nullptr;
+}
+
 }  // namespace
+
+bool IsCarriedUserAgent(const char* text) {
+    if (text == nullptr || text[0] == '\0') return false;
+    const char* p = text;
+    for (bool first = true;; first = false) {
+        if (*p == '(' && !first) {
+            p = SkipComment(p);
+            if (p == nullptr) return false;
+        } else {
+            const char* end = SkipToken(p);
+            if (end == p) return false;
+            p = end;
+            if (*p == '/') {
+                end = SkipToken(p + 1);
+                if (end == p + 1) return false;
+                p = end;
+            }
+        }
+        if (*p == '\0') return true;
+        if (*p == '(') continue;  // WebKit lets a comment follow without a blank
+        if (*p != ' ' && *p != '\t') return false;
+        while (*p == ' ' || *p == '\t') ++p;
+    }
+}
 
 void AppendVersionDigits(const char* field, size_t length, char* out) {
     if (out == nullptr) return;

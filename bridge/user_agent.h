@@ -23,3 +23,8 @@ void AppendVersionDigits(const char* field, size_t length, char* out);
 // The start of /etc/issue.net, cut before its second dot, last blank to '/'.
 bool ReadOsDescription(char* buffer, uint32_t size);
 bool ReadOsDescriptionFrom(const char* path, char* buffer, uint32_t size);
+
+// Whether WebKit takes text as its user agent: an HTTP User-Agent value of
+// products (token ["/" token]) and comments, nothing else.  WebKit keeps its
+// default for any other text.
+bool IsCarriedUserAgent(const char* text);

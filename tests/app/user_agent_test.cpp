@@ -1,172 +1,114 @@
-// Composition of the user agent: version digits, the operating system's
-// description and the length limits against the buffer size.
+// The user agent's parts: version digits, the operating system's
+// description and the composition's length limits against the buffer size.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <cstring>
 #include <memory>
-#include <string>
-#include <vector>
 
 #include "bridge/user_agent.h"
 #include "tests/support/support.h"
 
-using kvotest::TempDir;
 using kvotest::WriteFile;
 
 namespace {
 
-// The field's bytes alone on the heap, with no terminator after them, so
-// that a read past its end is a heap overflow for the sanitizers.
-std::string Digits(const std::string& field) {
-    std::unique_ptr<char[]> exact(new char[field.size() ? field.size() : 1]);
-    memcpy(exact.get(), field.data(), field.size());
-    char out[16] = "";
-    AppendVersionDigits(exact.get(), field.size(), out);
-    return out;
+TEST(VersionDigits, TwoDigitPartsWithoutLeadingZerosAndNothingPastTheField) {
+    std::pair<std::string, std::string> rows[] = {
+        {"06070002", "6.7"}, {"12030000", "12.3"}, {"10.5", "10.5"}, {"6.7.2", "6.7"},
+        {"0000", "0.0"},  // only a part's first digit is dropped as 0
+        {"", "."}, {"6", "6."}, {"06", "6."}, {"12", "12."}, {"061", "6.1"}, {"123", "12.3"}};
+    for (const auto& r : rows) {
+        // The field alone on the heap without a terminator: a read past it is an overflow.
+        std::unique_ptr<char[]> exact(new char[r.first.size() + !r.first.size()]);
+        memcpy(exact.get(), r.first.data(), r.first.size());
+        char out[16] = "v";  // appended to
+        AppendVersionDigits(exact.get(), r.first.size(), out);
+        EXPECT_EQ(out, "v" + r.second) << r.first;
+    }
 }
 
-TEST(VersionDigits, TwoDigitPartsWithoutLeadingZeros) {
-    EXPECT_EQ("6.7", Digits("06070002"));
-    EXPECT_EQ("12.3", Digits("12030000"));
-    EXPECT_EQ("10.5", Digits("10.5"));
-    EXPECT_EQ("6.7", Digits("6.7.2"));
-    EXPECT_EQ("0.0", Digits("0000"));  // only the first digit of a part is dropped as 0
-}
-
-TEST(VersionDigits, PositionsPastTheFieldAreAbsent) {
-    EXPECT_EQ(".", Digits(""));
-    EXPECT_EQ("6.", Digits("6"));
-    EXPECT_EQ("6.", Digits("06"));
-    EXPECT_EQ("12.", Digits("12"));
-    EXPECT_EQ("6.1", Digits("061"));
-    EXPECT_EQ("12.3", Digits("123"));
-    // Appends to what out holds.
-    char out[16] = "v";
-    AppendVersionDigits("0607", 4, out);
-    EXPECT_STREQ("v6.7", out);
-}
-
-class OsDescription : public testing::Test {
+class UserAgent : public testing::Test {
 protected:
-    std::string Read(const std::string& content, uint32_t size = 256, bool* ok = nullptr) {
-        WriteFile(m_file, content);
+    // The description of content read into a buffer of size bytes.
+    std::string Describe(const std::string& content, uint32_t size = 256, bool* ok = nullptr) {
+        WriteFile(m_issue, content);
         std::unique_ptr<char[]> buffer(new char[size]);
         memset(buffer.get(), 'j', size);
-        bool result = ReadOsDescriptionFrom(m_file.c_str(), buffer.get(), size);
+        bool result = ReadOsDescriptionFrom(m_issue.c_str(), buffer.get(), size);
         if (ok) *ok = result;
-        return std::string(buffer.get());
+        return buffer.get();
     }
-    TempDir m_dir;
-    std::string m_file = m_dir.file("issue.net");
-};
-
-TEST_F(OsDescription, CutBeforeTheSecondDotAndLastBlankToSlash) {
-    bool ok = false;
-    EXPECT_EQ("Ubuntu/16.04", Read("Ubuntu 16.04.7 LTS\n", 256, &ok));
-    EXPECT_TRUE(ok);
-    // Fewer than two dots: nothing cut, the line end stays.
-    EXPECT_EQ("Debian GNU/Linux/9\n", Read("Debian GNU/Linux 9\n"));
-    EXPECT_EQ("Fedora 3.9/x\n", Read("Fedora 3.9 x\n"));
-    // No blank: no slash.
-    EXPECT_EQ("Arch.Linux", Read("Arch.Linux.x"));
-    // A line end before the cut stays in the text.
-    EXPECT_EQ("Name\n16.04", Read("Name\n16.04.1 x"));
-}
-
-TEST_F(OsDescription, ReadsAtMostSizeMinusOneBytes) {
-    // "Ubuntu " fits, then the blank becomes the slash.
-    EXPECT_EQ("Ubuntu/", Read("Ubuntu 16.04.7 LTS\n", 8));
-    bool ok = true;
-    EXPECT_EQ("", Read("Ubuntu", 1, &ok));
-    EXPECT_FALSE(ok);
-}
-
-TEST_F(OsDescription, EmptyOrMissingFileGivesNothing) {
-    bool ok = true;
-    EXPECT_EQ("", Read("", 256, &ok));
-    EXPECT_FALSE(ok);
-
-    char buffer[32];
-    memset(buffer, 'j', sizeof buffer);
-    EXPECT_FALSE(ReadOsDescriptionFrom(m_dir.file("missing").c_str(), buffer, sizeof buffer));
-    EXPECT_STREQ("", buffer);
-}
-
-class Composition : public testing::Test {
-protected:
-    // Composes into a zeroed heap buffer of exactly size bytes.
-    bool Compose(const std::string& agent, std::string productInfo, std::string* text, uint32_t size = 256) {
+    // Composes into a zeroed heap buffer of exactly size bytes; m_productInfo as the split left it.
+    bool Compose(const std::string& agent, const std::string& productInfo, std::string* text, uint32_t size = 256) {
         std::unique_ptr<char[]> buffer(new char[size]());
         m_productInfo.assign(productInfo.begin(), productInfo.end());
         m_productInfo.push_back('\0');
         bool result =
             ComposeUserAgentTextFrom(m_issue.c_str(), agent.c_str(), m_productInfo.data(), buffer.get(), size);
-        *text = std::string(buffer.get());
+        *text = buffer.get();
         return result;
     }
-    TempDir m_dir;
+    kvotest::TempDir m_dir;
     std::string m_issue = m_dir.file("issue.net");
-    std::vector<char> m_productInfo;  // as the split left it
+    std::vector<char> m_productInfo;
 };
 
-TEST_F(Composition, DefaultThenProductTokenThenDescription) {
-    WriteFile(m_issue, "Ubuntu 16.04.7 LTS\n");
-    std::string text;
-    ASSERT_TRUE(Compose("Mozilla/5.0 (X11)", "Kavori Middleware;x;06070002,2024-01-01", &text));
-    EXPECT_EQ("Mozilla/5.0 (X11) Kavori/6.7 Ubuntu/16.04", text);
-
-    // A short version field does not borrow the digits after its comma.
-    ASSERT_TRUE(Compose("Agent", "Name;x;6,12345", &text));
-    EXPECT_EQ("Agent Kavori/6. Ubuntu/16.04", text);
-
-    // Without a description: no trailing blank.
+TEST_F(UserAgent, DescriptionIsCutBeforeTheSecondDotWithTheLastBlankASlash) {
+    std::pair<std::string, std::string> rows[] = {
+        {"Ubuntu 16.04.7 LTS\n", "Ubuntu/16.04"},
+        {"Debian GNU/Linux 9\n", "Debian GNU/Linux/9\n"},  // fewer than two dots: nothing cut
+        {"Fedora 3.9 x\n", "Fedora 3.9/x\n"},
+        {"Arch.Linux.x", "Arch.Linux"},  // no blank: no slash
+        {"Name\n16.04.1 x", "Name\n16.04"}};
+    for (const auto& r : rows) EXPECT_EQ(Describe(r.first), r.second);
+    EXPECT_EQ(Describe("Ubuntu 16.04.7 LTS\n", 8), "Ubuntu/");  // at most size - 1 bytes read
+    bool ok = true;
+    EXPECT_EQ(Describe("Ubuntu", 1, &ok), "");
+    EXPECT_FALSE(ok);
+    EXPECT_EQ(Describe("", 256, &ok), "");
+    EXPECT_FALSE(ok);
     unlink(m_issue.c_str());
-    ASSERT_TRUE(Compose("Agent", "Name;x;6.7.2,", &text));
-    EXPECT_EQ("Agent Kavori/6.7", text);
-    WriteFile(m_issue, "");
-    ASSERT_TRUE(Compose("Agent", "Name;x;6.7.2,", &text));
-    EXPECT_EQ("Agent Kavori/6.7", text);
+    char buffer[32] = "jjj";
+    EXPECT_FALSE(ReadOsDescriptionFrom(m_issue.c_str(), buffer, sizeof buffer));
+    EXPECT_STREQ(buffer, "");
 }
 
-TEST_F(Composition, MissingSeparatorsFailAndStaySplit) {
+TEST_F(UserAgent, CompositionAndItsLengthLimitsAgainstTheBufferSize) {
+    const std::string ubuntu = "Ubuntu 16.04.7 LTS\n", tail = " Kavori/6.7 Ubuntu/16.04";
+    const std::string a100(100, 'a'), a191(191, 'a');
+    struct Row {
+        std::string agent, productInfo, issue;  // issue "-": no file
+        uint32_t size;
+        std::string text;  // "": fails
+    } rows[] = {
+        {"Mozilla/5.0 (X11)", "Kavori Middleware;x;06070002,2024-01-01", ubuntu, 256, "Mozilla/5.0 (X11)" + tail},
+        {"Agent", "Name;x;6,12345", ubuntu, 256, "Agent Kavori/6. Ubuntu/16.04"},  // nothing after the comma
+        {"Agent", "Name;x;6.7.2,", "-", 256, "Agent Kavori/6.7"},  // no description: no trailing blank
+        {"Agent", "Name;x;6.7.2,", "", 256, "Agent Kavori/6.7"},
+        {"Agent", "Name 06070002", ubuntu, 256, ""},  // separators missing
+        {"Agent", "", ubuntu, 256, ""},
+        {a191, "N;x;0607,", ubuntu, 256, a191 + tail},  // the default agent's length + 64 below the size
+        {a191 + "a", "N;x;0607,", ubuntu, 256, ""},
+        {std::string(127, 'a'), "N;x;0607,", ubuntu, 192, std::string(127, 'a') + tail},
+        {std::string(128, 'a'), "N;x;0607,", ubuntu, 192, ""},
+        // Agent, product name and version field together, plus 4.
+        {a100, std::string(100, 'n') + ";x;0607" + std::string(47, '0') + ",", ubuntu, 256, a100 + tail},
+        {a100, std::string(100, 'n') + ";x;0607" + std::string(48, '0') + ",", ubuntu, 256, ""},
+        // The description gets the room left, up to the last byte.
+        {a191, "N;x;0607,", std::string(60, 'd'), 256, a191 + " Kavori/6.7 " + std::string(52, 'd')}};
+    for (const Row& r : rows) {
+        r.issue == "-" ? unlink(m_issue.c_str()) : WriteFile(m_issue, r.issue);
+        std::string text;
+        EXPECT_EQ(Compose(r.agent, r.productInfo, &text, r.size), !r.text.empty()) << r.agent << " " << r.productInfo;
+        EXPECT_EQ(text, r.text);
+    }
+    // The product info stays split as far as the composition got.
     std::string text;
-    EXPECT_FALSE(Compose("Agent", "Name 06070002", &text));
     EXPECT_FALSE(Compose("Agent", "Name;06070002,", &text));
-    EXPECT_EQ(std::string("Name\0" "06070002,", 15), std::string(m_productInfo.data(), 15));
-    // The comma must follow the second semicolon.
-    EXPECT_FALSE(Compose("Agent", "Name,x;y;06070002", &text));
-    EXPECT_EQ(std::string("Name,x\0y\0" "06070002", 17), std::string(m_productInfo.data(), 17));
-    EXPECT_EQ("", text);
-    EXPECT_FALSE(Compose("Agent", "", &text));
-}
-
-TEST_F(Composition, LengthLimitsAgainstTheBufferSize) {
-    WriteFile(m_issue, "Ubuntu 16.04.7 LTS\n");
-    std::string text;
-    // Default agent: length + 64 must stay below the size.
-    EXPECT_TRUE(Compose(std::string(191, 'a'), "N;x;0607,", &text));
-    EXPECT_EQ(std::string(191, 'a') + " Kavori/6.7 Ubuntu/16.04", text);
-    EXPECT_FALSE(Compose(std::string(192, 'a'), "N;x;0607,", &text));
-    EXPECT_EQ("", text);
-    EXPECT_TRUE(Compose(std::string(127, 'a'), "N;x;0607,", &text, 192));
-    EXPECT_FALSE(Compose(std::string(128, 'a'), "N;x;0607,", &text, 192));
-
-    // Agent, product name and version field together, plus 4.
-    std::string agent(100, 'a');
-    EXPECT_TRUE(Compose(agent, std::string(100, 'n') + ";x;0607" + std::string(47, '0') + ",", &text));
-    EXPECT_FALSE(Compose(agent, std::string(100, 'n') + ";x;0607" + std::string(48, '0') + ",", &text));
-}
-
-TEST_F(Composition, DescriptionGetsOnlyTheRoomLeft) {
-    // 191 + " Kavori/6.7" = 202 bytes; 53 bytes are left after the joining
-    // blank, so at most 52 bytes of the description, ending at the last byte.
-    std::string agent(191, 'a');
-    WriteFile(m_issue, std::string(60, 'd'));
-    std::string text;
-    ASSERT_TRUE(Compose(agent, "N;x;0607,", &text));
-    EXPECT_EQ(agent + " Kavori/6.7 " + std::string(52, 'd'), text);
-    EXPECT_EQ(255u, text.size());
+    EXPECT_EQ(std::string(m_productInfo.data(), 15), std::string("Name\0" "06070002,", 15));
+    EXPECT_FALSE(Compose("Agent", "Name,x;y;06070002", &text));  // the comma must follow the second semicolon
+    EXPECT_EQ(std::string(m_productInfo.data(), 17), std::string("Name,x\0y\0" "06070002", 17));
 }
 
 }  // namespace

@@ -80,10 +80,70 @@ std::vector<std::string> ReadLines(const std::string& path) {
     return lines;
 }
 
-static long long NowMs() {
+long long MonotonicMs() {
     struct timespec ts;
     clock_gettime(CLOCK_MONOTONIC, &ts);
     return ts.tv_sec * 1000LL + ts.tv_nsec / 1000000;
+}
+
+bool PollUntil(const std::function<bool()>& done, int timeoutMs) {
+    long long deadline = MonotonicMs() + timeoutMs;
+    while (!done()) {
+        if (MonotonicMs() > deadline) return false;
+        usleep(50000);
+    }
+    return true;
+}
+
+bool MakeDirs(const std::string& path) {
+    for (size_t at = 1; at <= path.size(); ++at) {
+        if (at < path.size() && path[at] != '/') continue;
+        if (mkdir(path.substr(0, at).c_str(), 0755) != 0 && errno != EEXIST) return false;
+    }
+    return true;
+}
+
+bool PutFile(const std::string& path, const std::string& content, int mode) {
+    return MakeDirs(path.substr(0, path.rfind('/'))) && WriteFile(path, content, mode);
+}
+
+// In a forked child: a process group of its own, output to outFd (when not
+// -1), the environment entries applied, then argv.
+[[noreturn]] static void ExecChild(const std::vector<std::string>& argv, const std::vector<std::string>& env,
+                                   int outFd) {
+    setpgid(0, 0);
+    if (outFd >= 0) {
+        dup2(outFd, 1);
+        dup2(outFd, 2);
+    }
+    for (const std::string& entry : env) {
+        size_t eq = entry.find('=');
+        if (eq == std::string::npos) {
+            unsetenv(entry.c_str());
+        } else {
+            setenv(entry.substr(0, eq).c_str(), entry.substr(eq + 1).c_str(), 1);
+        }
+    }
+    std::vector<char*> args;
+    for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+    args.push_back(nullptr);
+    execv(args[0], args.data());
+    _exit(127);
+}
+
+pid_t StartProcess(const std::vector<std::string>& argv, const std::vector<std::string>& env,
+                   const std::string& outputPath) {
+    int out = outputPath.empty() ? -1 : open(outputPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
+    pid_t pid = fork();
+    if (pid == 0) ExecChild(argv, env, out);
+    if (out >= 0) close(out);
+    return pid;
+}
+
+int WaitProcess(pid_t pid, int timeoutMs) {
+    int status = 0;
+    bool ended = pid > 0 && PollUntil([&] { return waitpid(pid, &status, WNOHANG) == pid; }, timeoutMs);
+    return ended && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
 int RunProcess(const std::vector<std::string>& argv, const std::vector<std::string>& env, int timeoutMs,
@@ -92,31 +152,12 @@ int RunProcess(const std::vector<std::string>& argv, const std::vector<std::stri
     if (out && pipe2(pipefd, O_CLOEXEC) != 0) return -1;
     pid_t pid = fork();
     if (pid < 0) return -1;
-    if (pid == 0) {
-        setpgid(0, 0);
-        if (out) {
-            dup2(pipefd[1], 1);
-            dup2(pipefd[1], 2);
-        }
-        for (const std::string& entry : env) {
-            size_t eq = entry.find('=');
-            if (eq == std::string::npos) {
-                unsetenv(entry.c_str());
-            } else {
-                setenv(entry.substr(0, eq).c_str(), entry.substr(eq + 1).c_str(), 1);
-            }
-        }
-        std::vector<char*> args;
-        for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-        args.push_back(nullptr);
-        execv(args[0], args.data());
-        _exit(127);
-    }
+    if (pid == 0) ExecChild(argv, env, out ? pipefd[1] : -1);
     if (out) {
         close(pipefd[1]);
         fcntl(pipefd[0], F_SETFL, O_NONBLOCK);
     }
-    long long deadline = NowMs() + timeoutMs;
+    long long deadline = MonotonicMs() + timeoutMs;
     int status = 0;
     bool finished = false;
     while (true) {
@@ -130,7 +171,7 @@ int RunProcess(const std::vector<std::string>& argv, const std::vector<std::stri
             finished = true;
             break;
         }
-        if (NowMs() > deadline) break;
+        if (MonotonicMs() > deadline) break;
         usleep(10000);
     }
     if (!finished) {

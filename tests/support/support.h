@@ -1,6 +1,9 @@
 // Helpers shared by the tests: temporary directories, files and processes.
 #pragma once
 
+#include <sys/types.h>
+
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -33,6 +36,21 @@ std::vector<std::string> ReadLines(const std::string& path);
 // goes to *out when not null (stdout and stderr together).
 int RunProcess(const std::vector<std::string>& argv, const std::vector<std::string>& env, int timeoutMs,
                std::string* out = nullptr);
+
+// Starts argv as RunProcess does, without waiting; output appended to
+// outputPath (when not empty).  The pid, or -1.
+pid_t StartProcess(const std::vector<std::string>& argv, const std::vector<std::string>& env,
+                   const std::string& outputPath);
+// A started child's exit status; -1 on a signal or after timeoutMs (then still running).
+int WaitProcess(pid_t pid, int timeoutMs);
+
+// mkdir -p; false when a directory cannot be made.
+bool MakeDirs(const std::string& path);
+// WriteFile after making the directories that lead to path.
+bool PutFile(const std::string& path, const std::string& content, int mode = 0644);
+long long MonotonicMs();
+// Asks done every 50 ms until it holds or timeoutMs has passed; its last answer.
+bool PollUntil(const std::function<bool()>& done, int timeoutMs = 10000);
 
 // Built-tree locations.
 std::string BuildDir();
