@@ -1,9 +1,9 @@
-// The wire format: what goes in comes out, and anything else is refused.
+// The wire format against GLib's own GVariant serialisation: what goes in
+// comes out, and anything else is refused.
 #include <gtest/gtest.h>
 #include <glib.h>
 
 #include <cmath>
-#include <cstring>
 #include <vector>
 
 #include "bridge/channel.h"
@@ -16,11 +16,8 @@ std::string Body(const std::string& frame) {
     return frame.substr(kFrameHeaderSize);
 }
 
-// GLib's own serialisation of the same values: the wire format must be
-// exactly GVariant's, whatever the codec does inside.
 GVariant* Maybe(const std::optional<std::string>& text) {
-    GVariant* child =
-        text ? g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, text->data(), text->size(), 1) : nullptr;
+    GVariant* child = text ? g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, text->data(), text->size(), 1) : nullptr;
     return g_variant_new_maybe(G_VARIANT_TYPE_BYTESTRING, child);
 }
 
@@ -38,41 +35,43 @@ std::string GlibRequest(const BridgeRequest& r) {
 
 std::string GlibReply(const BridgeReply& r) { return GlibBody(g_variant_new("(@mayi)", Maybe(r.text), r.code)); }
 
-bool GlibAccepts(const std::string& body, const char* type) {
-    GBytes* bytes = g_bytes_new(body.data(), body.size());
-    GVariant* value = g_variant_ref_sink(g_variant_new_from_bytes(G_VARIANT_TYPE(type), bytes, FALSE));
-    g_bytes_unref(bytes);
+bool GlibNormal(const std::string& body, const char* type) {
+    GVariant* value = g_variant_ref_sink(
+        g_variant_new_from_data(G_VARIANT_TYPE(type), body.data(), body.size(), FALSE, nullptr, nullptr));
     bool normal = g_variant_is_normal_form(value);
     g_variant_unref(value);
     return normal;
 }
 
-TEST(Channel, WritesExactlyWhatGlibWrites) {
-    // Sizes around the offset-width steps (255 and 65535 bytes).
-    std::vector<size_t> sizes = {0, 1, 7, 8, 200, 230, 240, 250, 255, 256, 300, 65500, 65530, 65536, 70000};
-    for (size_t a : sizes) {
+TEST(Channel, WritesExactlyWhatGlibWritesAndReadsItBack) {
+    // Sizes around the offset-width steps (255 and 65535 bytes); texts of
+    // any bytes, empty ones (not absent) and absent ones; NaN.
+    for (size_t a : {0, 1, 7, 8, 200, 230, 240, 250, 255, 256, 300, 65500, 65530, 65536, 70000}) {
         for (int shape = 0; shape < 4; ++shape) {
-            BridgeRequest request;
-            request.op = BRIDGE_ENUM_PROPERTY;
-            request.argc = 2;
+            BridgeRequest request, requestOut;
+            request.op = static_cast<uint8_t>(BRIDGE_GET_PROPERTY + shape);
+            request.argc = static_cast<uint8_t>(shape + 1);
             request.text[0] = std::string(a, 'a');
-            if (shape & 1) request.text[1] = std::string(shape, 'b');
+            if (shape & 1) request.text[1] = std::string("a\0b\xff", 4);
             if (shape & 2) request.text[2] = std::string();
-            request.number = shape == 3 ? NAN : 1.25;
-            EXPECT_EQ(Body(EncodeRequest(request)), GlibRequest(request)) << a << "/" << shape;
-            BridgeReply reply;
+            request.number = shape == 3 ? NAN : -1.25 * shape;
+            std::string body = Body(EncodeRequest(request));
+            EXPECT_EQ(body, GlibRequest(request)) << a << "/" << shape;
+            EXPECT_TRUE(DecodeRequest(body.data(), body.size(), &requestOut) && GlibRequest(requestOut) == body);
+            BridgeReply reply, replyOut;
             if (shape) reply.text = std::string(a, 'r');
             reply.code = -shape;
-            EXPECT_EQ(Body(EncodeReply(reply)), GlibReply(reply)) << a << "/" << shape;
+            body = Body(EncodeReply(reply));
+            EXPECT_EQ(body, GlibReply(reply)) << a << "/" << shape;
+            EXPECT_TRUE(DecodeReply(body.data(), body.size(), &replyOut) && GlibReply(replyOut) == body);
         }
     }
     EXPECT_EQ(Body(EncodeRequest(BridgeRequest())), GlibRequest(BridgeRequest()));
 }
 
 TEST(Channel, AcceptsExactlyWhatGlibCallsNormal) {
-    // Mutate valid bodies byte by byte and in length; the codec must agree
-    // with GLib's normal-form check on every one, and decode what it accepts
-    // to the values GLib reads.
+    // Valid bodies with a bit flipped or a byte cut off or added: the codec takes
+    // exactly GLib's normal forms (with a known operation) and reads GLib's values.
     GRand* rand = g_rand_new_with_seed(7);
     for (int round = 0; round < 3000; ++round) {
         BridgeRequest request;
@@ -82,8 +81,8 @@ TEST(Channel, AcceptsExactlyWhatGlibCallsNormal) {
         }
         std::string body = GlibRequest(request);
         std::string reply = GlibReply(BridgeReply{request.text[0], 3});
-        int mutation = g_rand_int_range(rand, 0, 3);
         std::string* target = g_rand_boolean(rand) ? &body : &reply;
+        int mutation = g_rand_int_range(rand, 0, 3);
         if (mutation == 0 && !target->empty()) {
             (*target)[g_rand_int_range(rand, 0, static_cast<gint32>(target->size()))] ^=
                 static_cast<char>(1 << g_rand_int_range(rand, 0, 8));
@@ -93,63 +92,15 @@ TEST(Channel, AcceptsExactlyWhatGlibCallsNormal) {
             target->push_back(static_cast<char>(g_rand_int_range(rand, 0, 3)));
         }
         BridgeRequest out;
-        bool glib = GlibAccepts(body, "(yymaymaymayd)");
         bool ours = DecodeRequest(body.data(), body.size(), &out);
-        if (glib) {
-            GVariant* v = g_variant_ref_sink(g_variant_new_from_data(G_VARIANT_TYPE("(yymaymaymayd)"), body.data(),
-                                                                     body.size(), FALSE, nullptr, nullptr));
-            guint8 op = 0;
-            g_variant_get_child(v, 0, "y", &op);
-            g_variant_unref(v);
-            EXPECT_EQ(ours, op < BRIDGE_OP_COUNT) << round;
-        } else {
-            EXPECT_FALSE(ours) << round;
-        }
+        EXPECT_EQ(ours, GlibNormal(body, "(yymaymaymayd)") && static_cast<uint8_t>(body[0]) < BRIDGE_OP_COUNT) << round;
+        EXPECT_TRUE(!ours || GlibRequest(out) == body) << round;
         BridgeReply replyOut;
-        EXPECT_EQ(DecodeReply(reply.data(), reply.size(), &replyOut), GlibAccepts(reply, "(mayi)")) << round;
+        ours = DecodeReply(reply.data(), reply.size(), &replyOut);
+        EXPECT_EQ(ours, GlibNormal(reply, "(mayi)")) << round;
+        EXPECT_TRUE(!ours || GlibReply(replyOut) == reply) << round;
     }
     g_rand_free(rand);
-}
-
-TEST(Channel, RequestsRoundTripWithAnyBytes) {
-    BridgeRequest in;
-    in.op = BRIDGE_APPLICATION;
-    in.argc = 3;
-    in.text[0] = std::string("exit");
-    in.text[1] = std::string("a\0b\xff", 4);  // bytes, not necessarily UTF-8
-    in.number = -1.5;
-    std::string body = Body(EncodeRequest(in));
-    BridgeRequest out;
-    ASSERT_TRUE(DecodeRequest(body.data(), body.size(), &out));
-    EXPECT_EQ(out.op, BRIDGE_APPLICATION);
-    EXPECT_EQ(out.argc, 3);
-    EXPECT_EQ(*out.text[0], "exit");
-    EXPECT_EQ(*out.text[1], std::string("a\0b\xff", 4));
-    EXPECT_FALSE(out.text[2]);
-    EXPECT_EQ(out.number, -1.5);
-
-    in.number = NAN;
-    in.text[0] = std::string();  // empty is not absent
-    body = Body(EncodeRequest(in));
-    ASSERT_TRUE(DecodeRequest(body.data(), body.size(), &out));
-    EXPECT_TRUE(out.text[0]);
-    EXPECT_TRUE(out.text[0]->empty());
-    EXPECT_TRUE(std::isnan(out.number));
-}
-
-TEST(Channel, RepliesRoundTrip) {
-    BridgeReply in;
-    in.text = std::string(100000, 'x');
-    in.code = -1;
-    std::string body = Body(EncodeReply(in));
-    BridgeReply out;
-    ASSERT_TRUE(DecodeReply(body.data(), body.size(), &out));
-    EXPECT_EQ(out.text->size(), 100000u);
-    EXPECT_EQ(out.code, -1);
-
-    body = Body(EncodeReply(BridgeReply()));
-    ASSERT_TRUE(DecodeReply(body.data(), body.size(), &out));
-    EXPECT_FALSE(out.text);
 }
 
 TEST(Channel, RefusesWrongTypesUnknownOperationsAndCutFrames) {
@@ -158,39 +109,17 @@ TEST(Channel, RefusesWrongTypesUnknownOperationsAndCutFrames) {
     request.text[0] = std::string("name");
     std::string body = Body(EncodeRequest(request));
     BridgeRequest out;
-    for (size_t cut = 0; cut < body.size(); ++cut) {
-        EXPECT_FALSE(DecodeRequest(body.data(), cut, &out)) << "cut at " << cut;
-    }
+    for (size_t cut = 0; cut < body.size(); ++cut) EXPECT_FALSE(DecodeRequest(body.data(), cut, &out)) << cut;
     // A reply is no request, and the other way round.
     std::string replyBody = Body(EncodeReply(BridgeReply()));
     EXPECT_FALSE(DecodeRequest(replyBody.data(), replyBody.size(), &out));
     BridgeReply reply;
     EXPECT_FALSE(DecodeReply(body.data(), body.size(), &reply));
-
     request.op = BRIDGE_OP_COUNT;
     body = Body(EncodeRequest(request));
     EXPECT_FALSE(DecodeRequest(body.data(), body.size(), &out));
-
-    GVariant* other = g_variant_ref_sink(g_variant_new("(s)", "GetProperty"));
-    EXPECT_FALSE(DecodeRequest(g_variant_get_data(other), g_variant_get_size(other), &out));
-    g_variant_unref(other);
-}
-
-TEST(Channel, RandomBytesNeverDecodeBadly) {
-    // Garbage either fails or decodes to something well-formed; never a crash.
-    GRand* rand = g_rand_new_with_seed(42);
-    std::string bytes;
-    for (int round = 0; round < 2000; ++round) {
-        bytes.resize(static_cast<size_t>(g_rand_int_range(rand, 0, 80)));
-        for (char& c : bytes) c = static_cast<char>(g_rand_int_range(rand, 0, 256));
-        BridgeRequest request;
-        BridgeReply reply;
-        if (DecodeRequest(bytes.data(), bytes.size(), &request)) {
-            EXPECT_LT(request.op, BRIDGE_OP_COUNT);
-        }
-        DecodeReply(bytes.data(), bytes.size(), &reply);
-    }
-    g_rand_free(rand);
+    body = GlibBody(g_variant_new("(s)", "GetProperty"));
+    EXPECT_FALSE(DecodeRequest(body.data(), body.size(), &out));
 }
 
 TEST(Channel, StartupDataNeedsAPathAndAFullToken) {
@@ -199,28 +128,25 @@ TEST(Channel, StartupDataNeedsAPathAndAFullToken) {
     in.token = std::string(kTokenSize, 't');
     in.flags = STARTUP_DEVELOPER;
     in.trustedOrigins = {"file://", "http://127.0.0.1:8080"};
+    auto parse = [](GVariant* data, StartupData* out) {
+        g_variant_ref_sink(data);
+        bool ok = ParseStartupData(data, out);
+        g_variant_unref(data);
+        return ok;
+    };
     StartupData out;
-    GVariant* data = g_variant_ref_sink(MakeStartupData(in));
-    ASSERT_TRUE(ParseStartupData(data, &out));
+    ASSERT_TRUE(parse(MakeStartupData(in), &out));
     EXPECT_EQ(out.socketPath, in.socketPath);
     EXPECT_EQ(out.token, in.token);
     EXPECT_EQ(out.flags, in.flags);
     EXPECT_EQ(out.trustedOrigins, in.trustedOrigins);
-    g_variant_unref(data);
 
-    StartupData bad = in;
-    bad.token = "short";
-    data = g_variant_ref_sink(MakeStartupData(bad));
-    EXPECT_FALSE(ParseStartupData(data, &out));
-    g_variant_unref(data);
-    bad = in;
-    bad.socketPath = std::string("/a\0b", 4);
-    data = g_variant_ref_sink(MakeStartupData(bad));
-    EXPECT_FALSE(ParseStartupData(data, &out));
-    g_variant_unref(data);
-    data = g_variant_ref_sink(g_variant_new("(ss)", "/run/x", "token"));
-    EXPECT_FALSE(ParseStartupData(data, &out));
-    g_variant_unref(data);
+    StartupData shortToken = in, nulInPath = in;
+    shortToken.token = "short";
+    nulInPath.socketPath = std::string("/a\0b", 4);
+    EXPECT_FALSE(parse(MakeStartupData(shortToken), &out));
+    EXPECT_FALSE(parse(MakeStartupData(nulInPath), &out));
+    EXPECT_FALSE(parse(g_variant_new("(ss)", "/run/x", "token"), &out));
     EXPECT_FALSE(ParseStartupData(nullptr, &out));
 }
 

@@ -1,5 +1,6 @@
 #include "tests/support/host_runner.h"
 
+#include <X11/Xlib.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <signal.h>
@@ -8,6 +9,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -102,6 +105,10 @@ HostProcess::~HostProcess() {
 bool HostProcess::Start(const std::vector<std::string>& arguments) {
     std::vector<std::string> argv = {HostBinary()};
     argv.insert(argv.end(), arguments.begin(), arguments.end());
+    return StartArgv(argv);
+}
+
+bool HostProcess::StartArgv(const std::vector<std::string>& argv) {
     m_pid = fork();
     if (m_pid < 0) return false;
     if (m_pid == 0) {
@@ -133,6 +140,12 @@ bool HostProcess::Start(const std::vector<std::string>& arguments) {
     return true;
 }
 
+std::string HostProcess::Result(int timeoutMs) {
+    int status = Wait(timeoutMs);
+    if (status != 0) return "<status " + std::to_string(status) + "> " + output();
+    return ReadFileOr(storePath(), "<no result>");
+}
+
 int HostProcess::Wait(int timeoutMs) {
     if (m_pid <= 0) return -1;
     long long deadline = NowMs() + timeoutMs;
@@ -153,6 +166,21 @@ bool HostProcess::Running() { return m_pid > 0 && waitpid(m_pid, nullptr, WNOHAN
 std::string HostProcess::output() const { return ReadFileOr(m_outputPath); }
 
 std::vector<std::string> HostProcess::Record() const { return ReadLines(recordPath()); }
+
+bool HostProcess::WaitForRecord(const std::string& line, int timeoutMs) const {
+    return PollUntil([&] {
+        std::vector<std::string> record = Record();
+        return std::find(record.begin(), record.end(), line) != record.end();
+    }, timeoutMs);
+}
+
+std::string HostProcess::LastSet(const std::string& name) const {
+    std::string head = "SetProperty " + name + "=", value = "<none>";
+    for (const std::string& line : Record()) {
+        if (line.compare(0, head.size(), head) == 0) value = line.substr(head.size());
+    }
+    return value;
+}
 
 unsigned long HostProcess::WaitForWindow(const std::string& title, int timeoutMs) {
     long long deadline = NowMs() + timeoutMs;
@@ -196,10 +224,87 @@ std::string RunPage(const XServer& x, const std::string& page, const std::vector
                                           host.storePath()};
     arguments.insert(arguments.end(), extraArguments.begin(), extraArguments.end());
     if (!host.Start(arguments)) return "<not started>";
-    int status = host.Wait(30000);
+    std::string result = host.Result();
     if (record) *record = host.Record();
-    if (status != 0) return "<status " + std::to_string(status) + "> " + host.output();
-    return ReadFileOr(host.storePath(), "<no result>");
+    return result;
+}
+
+std::string PageUrlWithQuery(const std::string& name, const std::string& query) {
+    std::string encoded;
+    for (unsigned char c : query) {
+        if (isalnum(c) || strchr("-_.~/", c)) {
+            encoded += static_cast<char>(c);
+        } else {
+            char hex[4];
+            snprintf(hex, sizeof hex, "%%%02X", c);
+            encoded += hex;
+        }
+    }
+    return PageUrl(name) + "?" + encoded;
+}
+
+std::string Finding(const std::string& json, const std::string& name) {
+    std::string head = "\"" + name + "\":\"";
+    size_t at = json.find(head);
+    if (at == std::string::npos) return "<missing>";
+    std::string text;
+    for (size_t i = at + head.size(); i < json.size(); ++i) {
+        char c = json[i];
+        if (c == '"') return text;
+        if (c != '\\' || i + 1 >= json.size()) {
+            text += c;
+            continue;
+        }
+        char e = json[++i];
+        if (e == 'u' && i + 4 < json.size()) {  // the pages escape control characters only
+            text += static_cast<char>(strtol(json.substr(i + 1, 4).c_str(), nullptr, 16));
+            i += 4;
+        } else {
+            text += e == 'n' ? '\n' : e == 'r' ? '\r' : e == 't' ? '\t' : e;
+        }
+    }
+    return "<unterminated>";
+}
+
+bool SendDeleteWindow(const XServer& x, unsigned long window) {
+    Display* display = XOpenDisplay(x.display().c_str());
+    if (display == nullptr) return false;
+    XEvent event;
+    memset(&event, 0, sizeof event);
+    event.xclient.type = ClientMessage;
+    event.xclient.window = window;
+    event.xclient.message_type = XInternAtom(display, "WM_PROTOCOLS", False);
+    event.xclient.format = 32;
+    event.xclient.data.l[0] = static_cast<long>(XInternAtom(display, "WM_DELETE_WINDOW", False));
+    event.xclient.data.l[1] = CurrentTime;
+    Status sent = XSendEvent(display, window, False, NoEventMask, &event);
+    XSync(display, False);
+    XCloseDisplay(display);
+    return sent != 0;
+}
+
+MapCounter::MapCounter(const XServer& x) {
+    Display* display = XOpenDisplay(x.display().c_str());
+    if (display == nullptr) return;
+    XSelectInput(display, DefaultRootWindow(display), SubstructureNotifyMask);
+    XSync(display, False);  // selected before anything that follows maps
+    m_display = display;
+}
+
+MapCounter::~MapCounter() {
+    if (m_display != nullptr) XCloseDisplay(static_cast<Display*>(m_display));
+}
+
+int MapCounter::Maps() {
+    Display* display = static_cast<Display*>(m_display);
+    if (display == nullptr) return -1;
+    XSync(display, False);
+    while (XPending(display) > 0) {
+        XEvent event;
+        XNextEvent(display, &event);
+        if (event.type == MapNotify && !event.xmap.override_redirect) ++m_maps;
+    }
+    return m_maps;
 }
 
 }  // namespace kvotest

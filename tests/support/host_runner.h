@@ -37,6 +37,11 @@ public:
     void AddEnv(const std::string& entry) { m_env.push_back(entry); }
     // Starts the host with these arguments (the path is added in front).
     bool Start(const std::vector<std::string>& arguments);
+    // Starts exactly argv (argv[0] the file run) in the host's environment.
+    bool StartArgv(const std::vector<std::string>& argv);
+    // Waits for the end: the -store file's text ("<no result>" without one),
+    // or "<status N> " and the output when the exit status is not 0.
+    std::string Result(int timeoutMs = 30000);
     // Waits for the host to end; its exit status, or -1 on timeout/signal.
     int Wait(int timeoutMs = 20000);
     bool Running();
@@ -54,6 +59,10 @@ public:
     std::string storePath() const { return m_dir + "/result.txt"; }
     std::string home() const { return m_dir + "/home"; }
     std::vector<std::string> Record() const;  // lines the plug-in wrote
+    // Polls the record for this line; false after the timeout.
+    bool WaitForRecord(const std::string& line, int timeoutMs = 15000) const;
+    // The value of the last "SetProperty <name>=" line, or "<none>".
+    std::string LastSet(const std::string& name) const;
 
 private:
     const XServer& m_x;
@@ -71,6 +80,29 @@ std::string PageUrl(const std::string& name);  // file:// URL of tests/fixtures/
 
 // Runs an X client on the display; its stdout, or "" on failure.
 std::string XQuery(const XServer& x, const std::vector<std::string>& argv, int timeoutMs = 5000);
+
+// PageUrl(name) with "?" and the query, percent-encoded.
+std::string PageUrlWithQuery(const std::string& name, const std::string& query);
+// A string member of a page's findings (JSON), unescaped; "<missing>" without it.
+std::string Finding(const std::string& json, const std::string& name);
+
+// Sends WM_DELETE_WINDOW as a window manager's close button does.
+bool SendDeleteWindow(const XServer& x, unsigned long window);
+
+// Counts the windows mapped from its creation on, leaving out
+// override-redirect ones (the toolkit maps a 1x1 helper of that kind).
+class MapCounter {
+public:
+    explicit MapCounter(const XServer& x);
+    ~MapCounter();
+    MapCounter(const MapCounter&) = delete;
+    MapCounter& operator=(const MapCounter&) = delete;
+    int Maps();  // -1 when the display could not be opened
+
+private:
+    void* m_display = nullptr;
+    int m_maps = 0;
+};
 
 // Runs the host to its end: a page that reports through
 // Application("exit", result) with -store; returns the stored text

@@ -7,6 +7,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <climits>
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -191,6 +193,57 @@ int RunProcess(const std::vector<std::string>& argv, const std::vector<std::stri
 std::string BuildDir() { return KAVORI_BUILD_DIR; }
 std::string SourceDir() { return KAVORI_SOURCE_DIR; }
 std::string FixtureDir() { return KAVORI_FIXTURE_DIR; }
+
+std::string MissingPart(const std::string& text, const std::vector<std::string>& parts) {
+    for (const std::string& part : parts) {
+        if (text.find(part) == std::string::npos) return part;
+    }
+    return "";
+}
+
+int IndexOf(const std::vector<std::string>& lines, const std::string& line) {
+    auto it = std::find(lines.begin(), lines.end(), line);
+    return it == lines.end() ? -1 : static_cast<int>(it - lines.begin());
+}
+
+int CountOf(const std::vector<std::string>& lines, const std::string& line) {
+    return static_cast<int>(std::count(lines.begin(), lines.end(), line));
+}
+
+PrivateEtc::PrivateEtc(const std::string& scratch) : m_scratch(scratch) {
+    MakeDirs(m_scratch + "/upper");
+    MakeDirs(m_scratch + "/work");
+}
+
+std::string PrivateEtc::Upper(const std::string& path) const {
+    std::string upper = m_scratch + "/upper" + path.substr(strlen("/etc"));
+    MakeDirs(upper.substr(0, upper.rfind('/')));
+    return upper;
+}
+
+std::vector<std::string> PrivateEtc::Wrap(const std::vector<std::string>& argv) const {
+    char outer[PATH_MAX] = {0};
+    ssize_t n = readlink("/proc/self/ns/mnt", outer, sizeof outer - 1);
+    if (n > 0) outer[n] = '\0';
+    // Mounts nothing unless it really is in a namespace of its own: the
+    // real /etc is never touched.
+    std::string script = "[ \"$(readlink /proc/self/ns/mnt)\" != '" + std::string(outer) +
+                         "' ] || exit 77\nmount -t overlay overlay -o lowerdir=/etc,upperdir=" + m_scratch +
+                         "/upper,workdir=" + m_scratch + "/work /etc || exit 77\nexec \"$@\"\n";
+    std::vector<std::string> wrapped = {"/usr/bin/unshare", "-m", "--propagation", "private", "/bin/sh", "-c",
+                                        script, "sh"};
+    wrapped.insert(wrapped.end(), argv.begin(), argv.end());
+    return wrapped;
+}
+
+void SkipWithoutPrivateEtc() {
+    TempDir scratch;
+    PrivateEtc etc(scratch.path());
+    WriteFile(etc.Upper("/etc/kvo-overlay-probe"), "x");
+    std::string out;
+    int status = RunProcess(etc.Wrap({"/bin/sh", "-c", "test -f /etc/kvo-overlay-probe"}), {}, 10000, &out);
+    if (status != 0) SkipTest("no private /etc here (status " + std::to_string(status) + "): " + out);
+}
 
 void SkipTest(const std::string& reason) {
     fprintf(stderr, "SKIPPED: %s\n", reason.c_str());

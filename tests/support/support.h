@@ -57,6 +57,28 @@ std::string BuildDir();
 std::string SourceDir();
 std::string FixtureDir();  // built test plug-ins and modules live below it
 
+// The first of parts that text does not hold; "" when it holds them all.
+std::string MissingPart(const std::string& text, const std::vector<std::string>& parts);
+// Where line first occurs in lines (-1: nowhere), and how often.
+int IndexOf(const std::vector<std::string>& lines, const std::string& line);
+int CountOf(const std::vector<std::string>& lines, const std::string& line);
+
+// /etc with an overlay of its own for one command, in a private mount
+// namespace: files put below Upper("/etc/...") are seen there only.
+class PrivateEtc {
+public:
+    explicit PrivateEtc(const std::string& scratch);
+    std::string Upper(const std::string& path) const;  // path below /etc; makes its directories
+    // The command that runs argv there; it ends with 77 before running argv
+    // when no namespace or no overlay can be had.
+    std::vector<std::string> Wrap(const std::vector<std::string>& argv) const;
+
+private:
+    std::string m_scratch;
+};
+// Skips the test when this machine gives no private /etc.
+void SkipWithoutPrivateEtc();
+
 // Ends the test process with exit code 77 (a skip) after saying why.
 [[noreturn]] void SkipTest(const std::string& reason);
 
