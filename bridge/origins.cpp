@@ -16,7 +16,10 @@ std::string OriginOf(const char* url) {
         origin = "file://";
     } else if (host && host[0]) {
         gchar* lowerHost = g_ascii_strdown(host, -1);
-        origin = std::string(scheme) + "://" + lowerHost;
+        // GLib gives an IPv6 literal without its brackets; put them back, or
+        // [::1]:8080 and [::1:8080] would both read "::1:8080".
+        bool literal = strchr(lowerHost, ':') != nullptr;
+        origin = std::string(scheme) + "://" + (literal ? "[" : "") + lowerHost + (literal ? "]" : "");
         g_free(lowerHost);
         int port = g_uri_get_port(uri);
         bool defaultPort = (port == 80 && strcmp(scheme, "http") == 0) || (port == 443 && strcmp(scheme, "https") == 0);

@@ -79,16 +79,25 @@ void ChannelReset() {
 
 bool ChannelCall(const BridgeRequest& request, BridgeReply* reply) {
     if (g_lost) return false;
+    // A request over the frame limit (a page's argument of many megabytes)
+    // gives the call's default; sent, the host would drop the connection
+    // and with it every later call of the page.
+    std::string frame = EncodeRequest(request);
+    if (frame.size() - kFrameHeaderSize > kMaxFrameSize) return false;
     if (g_fd < 0 && !Connect()) {
         Lose();
         return false;
     }
     // Replies to small calls come in one read: header and body together.
     char first[4096];
-    ssize_t got;
-    do {
-        got = SendAll(EncodeRequest(request)) ? recv(g_fd, first, sizeof first, 0) : -1;
-    } while (got < 0 && errno == EINTR);
+    // Sent once: a read cut short by a signal must not send it again, or
+    // the host would answer twice and every later reply be one call late.
+    ssize_t got = -1;
+    if (SendAll(frame)) {
+        do {
+            got = recv(g_fd, first, sizeof first, 0);
+        } while (got < 0 && errno == EINTR);
+    }
     if (got < static_cast<ssize_t>(kFrameHeaderSize)) {
         if (got > 0 && !ReceiveAll(first + got, kFrameHeaderSize - static_cast<size_t>(got))) got = -1;
         if (got <= 0) {
