@@ -7,3 +7,18 @@ jobs=$(nproc 2>/dev/null || echo 2)
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build -j"$jobs"
 ctest --test-dir build --output-on-failure -j"$jobs"
+
+# The same tests again under AddressSanitizer and UndefinedBehaviorSanitizer
+# (unit tests leak-checked; the host's own leak check is Leaks.* in
+# tests/faults, with tests/lsan.supp), in a build directory of their own.
+started=$(date +%s)
+cmake -S . -B build-asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKAVORI_SANITIZE=ON >/dev/null
+cmake --build build-asan -j"$jobs"
+UBSAN_OPTIONS=print_stacktrace=1 ctest --test-dir build-asan --output-on-failure -j"$jobs"
+echo "sanitizer stage: $(($(date +%s) - started)) s"
+
+# Every fuzz target briefly from its seed corpus, so that a regression of a
+# parser shows here; longer runs: fuzz/README.md.
+started=$(date +%s)
+KAVORI_FUZZ_BUILD=build-fuzz bash fuzz/run.sh "${KAVORI_FUZZ_SECONDS:-3}"
+echo "fuzz stage: $(($(date +%s) - started)) s"
