@@ -99,32 +99,6 @@ bool WriteIcon(const std::string& path, int size) {
     return PutFile(path, ico);
 }
 
-MapWatch::MapWatch(const XServer& x) {
-    Display* display = XOpenDisplay(x.display().c_str());
-    if (display == nullptr) return;
-    XSelectInput(display, DefaultRootWindow(display), SubstructureNotifyMask);
-    XSync(display, False);  // selected before anything that follows maps
-    m_display = display;
-}
-
-MapWatch::~MapWatch() {
-    if (m_display != nullptr) XCloseDisplay(static_cast<Display*>(m_display));
-}
-
-int MapWatch::Maps() {
-    Display* display = static_cast<Display*>(m_display);
-    if (display == nullptr) return -1;
-    XSync(display, False);
-    while (XPending(display) > 0) {
-        XEvent event;
-        XNextEvent(display, &event);
-        // The toolkit maps a 1x1 override-redirect helper even without a
-        // window of the host's; only managed windows count.
-        if (event.type == MapNotify && !event.xmap.override_redirect) ++m_maps;
-    }
-    return m_maps;
-}
-
 Launch::Launch(const XServer& x, const std::string& home, const std::vector<std::string>& argv,
                const std::vector<std::string>& env)
     : m_output(home + "/../launch-" + std::to_string(s_launches++) + ".txt") {

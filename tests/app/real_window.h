@@ -33,17 +33,7 @@ bool CopyFile(const std::string& from, const std::string& to, int mode = 0755); 
 bool WriteIcon(const std::string& path, int size);
 
 // Counts the managed windows mapped on the screen from its creation on.
-class MapWatch {
-public:
-    explicit MapWatch(const XServer& x);
-    ~MapWatch();
-    bool ok() const { return m_display != nullptr; }
-    int Maps();  // -1 when the display could not be opened
-
-private:
-    void* m_display = nullptr;
-    int m_maps = 0;
-};
+using MapWatch = MapCounter;  // the shared counter of mapped windows
 
 // A process started with exactly this argv (argv[0] is the file run), the
 // host's usual test environment plus env; killed with its group at the end.

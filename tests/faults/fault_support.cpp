@@ -127,22 +127,7 @@ std::vector<pid_t> WaitForNoProcessOf(const std::string& scratch, int timeoutMs)
     return left;
 }
 
-bool CloseWindow(const XServer& x, unsigned long window) {
-    Display* display = XOpenDisplay(x.display().c_str());
-    if (!display) return false;
-    XEvent event;
-    memset(&event, 0, sizeof event);
-    event.xclient.type = ClientMessage;
-    event.xclient.window = window;
-    event.xclient.message_type = XInternAtom(display, "WM_PROTOCOLS", False);
-    event.xclient.format = 32;
-    event.xclient.data.l[0] = static_cast<long>(XInternAtom(display, "WM_DELETE_WINDOW", False));
-    event.xclient.data.l[1] = CurrentTime;
-    Status sent = XSendEvent(display, window, False, NoEventMask, &event);
-    XSync(display, False);
-    XCloseDisplay(display);
-    return sent != 0;
-}
+bool CloseWindow(const XServer& x, unsigned long window) { return SendDeleteWindow(x, window); }
 
 int CountLines(const std::vector<std::string>& lines, const std::string& line) {
     return static_cast<int>(std::count(lines.begin(), lines.end(), line));

@@ -112,10 +112,6 @@ bool HostProcess::StartArgv(const std::vector<std::string>& argv) {
     m_pid = fork();
     if (m_pid < 0) return false;
     if (m_pid == 0) {
-        setpgid(0, 0);
-        int out = open(m_outputPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        dup2(out, 1);
-        dup2(out, 2);
         setenv("DISPLAY", m_x.display().c_str(), 1);
         setenv("HOME", home().c_str(), 1);
         setenv("LC_ALL", "C", 1);
@@ -123,19 +119,7 @@ bool HostProcess::StartArgv(const std::vector<std::string>& argv) {
         setenv("KVO_TEST_ANSWERS", answersPath().c_str(), 1);
         setenv("XDG_RUNTIME_DIR", m_dir.c_str(), 1);
         unsetenv("WAYLAND_DISPLAY");
-        for (const std::string& entry : m_env) {
-            size_t eq = entry.find('=');
-            if (eq == std::string::npos) {
-                unsetenv(entry.c_str());
-            } else {
-                setenv(entry.substr(0, eq).c_str(), entry.substr(eq + 1).c_str(), 1);
-            }
-        }
-        std::vector<char*> args;
-        for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
-        args.push_back(nullptr);
-        execv(args[0], args.data());
-        _exit(127);
+        ExecChild(argv, m_env, open(m_outputPath.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644));
     }
     return true;
 }

@@ -111,7 +111,7 @@ bool PutFile(const std::string& path, const std::string& content, int mode) {
 
 // In a forked child: a process group of its own, output to outFd (when not
 // -1), the environment entries applied, then argv.
-[[noreturn]] static void ExecChild(const std::vector<std::string>& argv, const std::vector<std::string>& env,
+[[noreturn]] void ExecChild(const std::vector<std::string>& argv, const std::vector<std::string>& env,
                                    int outFd) {
     setpgid(0, 0);
     if (outFd >= 0) {

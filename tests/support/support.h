@@ -79,6 +79,10 @@ private:
 // Skips the test when this machine gives no private /etc.
 void SkipWithoutPrivateEtc();
 
+// In a forked child: a process group of its own, output to outFd (when not
+// -1), the environment entries applied ("NAME" alone unsets), then argv.
+[[noreturn]] void ExecChild(const std::vector<std::string>& argv, const std::vector<std::string>& env, int outFd);
+
 // Ends the test process with exit code 77 (a skip) after saying why.
 [[noreturn]] void SkipTest(const std::string& reason);
 
