@@ -1,6 +1,7 @@
 // Process-wide state of the host, touched only on the main thread.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 typedef struct _GtkWidget GtkWidget;
@@ -17,3 +18,5 @@ extern GtkWidget* g_mainWindow;
 
 // Copies argc/argv into storage of its own (never freed).
 void SaveCommandLine(int argc, char** argv);
+// length bytes of text and a terminator, allocated with array new.
+char* CopyText(const char* text, size_t length);

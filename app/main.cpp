@@ -9,23 +9,24 @@
 
 #include <cstring>
 
+#include "app/app_commands.h"
 #include "app/geometry.h"
 #include "app/host_state.h"
+#include "app/launch.h"
 #include "app/options.h"
 #include "app/paths.h"
 #include "app/result_store.h"
+#include "app/signals.h"
 #include "app/start_url.h"
+#include "app/web_settings.h"
+#include "app/web_view.h"
 #include "app/window.h"
-#include "bridge/app_commands.h"
 #include "bridge/bridge_server.h"
-#include "bridge/launch.h"
-#include "bridge/web_settings.h"
+#include "native/plugin_session.h"
 
 namespace {
 
 constexpr uint32_t kPathSize = 256;
-
-void OnDestroy(GtkWidget*, gpointer) { gtk_main_quit(); }
 
 #if defined(__SANITIZE_ADDRESS__)
 // Sanitizer builds (KAVORI_SANITIZE) only.  The web extension is built with
@@ -57,6 +58,11 @@ int main(int argc, char** argv) {
     // gdk_threads_enter/leave are no-ops in GTK 3 and are left out.
     PreloadSanitizerRuntime();
     SaveCommandLine(argc, argv);
+    char lazyRoot[kPathSize];
+    LazyStartRoot(lazyRoot, sizeof lazyRoot);
+    const char* lazyConfig = nullptr;
+    FindOptionValue(g_argc, g_argv, "-config", &lazyConfig);
+    ConfigurePluginSession(lazyRoot, lazyConfig);
 
     int32_t count = argc;
     char** redirected = nullptr;
@@ -86,12 +92,7 @@ int main(int argc, char** argv) {
     } else {
         const char* userAgent = nullptr;
         FindOptionValue(count, vector, "-useragent", &userAgent);
-
-        char iconBuffer[kPathSize];
-        char directoryBuffer[kPathSize];
-        memset(iconBuffer, 0, sizeof iconBuffer);
-        memset(directoryBuffer, 0, sizeof directoryBuffer);
-
+        char iconBuffer[kPathSize] = {};
         const char* iconPath = nullptr;
         if (!FindOptionValue(count, vector, "-icon", &iconPath) && FindWindowIcon(iconBuffer, sizeof iconBuffer)) {
             iconPath = iconBuffer;
@@ -100,13 +101,12 @@ int main(int argc, char** argv) {
         if (!FindOptionValue(count, vector, "-title", &title)) title = "Kavori";
         uint32_t wait = 3000;
         FindOptionNumber(count, vector, "-wait", &wait);
-
         int32_t screenWidth = 0, screenHeight = 0;
         GetScreenSize(&screenWidth, &screenHeight);
         WindowGeometry geometry = ComputeWindowGeometry(count, vector, screenWidth, screenHeight);
         bool resizing = HasOption(count, vector, "-resizing");
         bool keepAbove = HasOption(count, vector, "-system");
-
+        char directoryBuffer[kPathSize] = {};
         const char* root = nullptr;
         if (!FindOptionValue(count, vector, "-root", &root) &&
             FindInstalledLibraryDirectory(directoryBuffer, sizeof directoryBuffer)) {
@@ -118,28 +118,13 @@ int main(int argc, char** argv) {
         FindOptionValue(count, vector, "-key", &key);
 
         g_startUrl = FileUrlForLocalPath(ResolveStartUrl(g_startUrl));
-
-        if (iconPath) gtk_window_set_default_icon_from_file(iconPath, nullptr);
-
-        g_mainWindow = gtk_window_new(GTK_WINDOW_TOPLEVEL);
-        gtk_window_set_title(GTK_WINDOW(g_mainWindow), title);
-        gtk_window_set_default_size(GTK_WINDOW(g_mainWindow), geometry.width, geometry.height);
-        g_signal_connect(g_mainWindow, "destroy", G_CALLBACK(OnDestroy), nullptr);
-        ConnectDeveloperKeys(g_mainWindow);
-
+        CreateMainWindow(iconPath, title, geometry);
         ApplyWebSettings(userAgent);
         gtk_container_add(GTK_CONTAINER(g_mainWindow), box);
         webkit_web_view_load_uri(WEBKIT_WEB_VIEW(g_webView), g_startUrl);
         gtk_widget_grab_focus(g_webView);
         usleep(wait);
-
-        gtk_widget_show_all(g_mainWindow);
-        if (geometry.x != 0 || geometry.y != 0) gtk_window_move(GTK_WINDOW(g_mainWindow), geometry.x, geometry.y);
-        if (!resizing) {
-            gtk_widget_set_size_request(g_webView, geometry.width, geometry.height);
-            gtk_window_set_resizable(GTK_WINDOW(g_mainWindow), FALSE);
-        }
-        if (keepAbove) gtk_window_set_keep_above(GTK_WINDOW(g_mainWindow), TRUE);
+        ShowMainWindow(geometry, resizing, keepAbove);
 
         HandOverKey(root, configPath, key);
         WatchTerminationSignals();

@@ -2,133 +2,94 @@
 
 #include <sys/stat.h>
 
-#include <cstdlib>
 #include <cstring>
 
 #include "app/host_state.h"
 #include "app/options.h"
-#include "native/library_manager.h"
-
-void* g_readyHandle = nullptr;
+#include "native/system_places.h"
 
 namespace {
 
 constexpr size_t kPathSize = 256;
-constexpr char kSystemProgram[] = "/usr/bin/kvo";
-constexpr char kSystemIcon[] = "/etc/kvo/kvo.ico";
+
+// out = first + second + third when that fits in kPathSize bytes and in
+// size; a null part counts as empty.
+bool Join(char* out, uint32_t size, const char* first, const char* second, const char* third = nullptr) {
+    if (out == nullptr || size == 0) return false;
+    out[0] = '\0';
+    if (first == nullptr) return false;
+    const char* parts[] = {first, second ? second : "", third ? third : ""};
+    size_t total = 0;
+    for (const char* part : parts) total += strlen(part);
+    if (total >= kPathSize || total >= size) return false;
+    char* p = out;
+    for (const char* part : parts) p = stpcpy(p, part);
+    return true;
+}
 
 bool Exists(const char* path) {
     struct stat st;
     return stat(path, &st) == 0;
 }
 
-// buffer = first + second when that fits in kPathSize bytes; a candidate
-// that does not fit is skipped rather than cut short.
-bool Compose(char* buffer, const char* first, size_t firstLength, const char* second) {
-    size_t secondLength = strlen(second);
-    buffer[0] = '\0';
-    if (firstLength + secondLength >= kPathSize) return false;
-    memcpy(buffer, first, firstLength);
-    memcpy(buffer + firstLength, second, secondLength + 1);
-    return true;
+bool JoinExisting(char* out, uint32_t size, const char* first, const char* second, const char* third = nullptr) {
+    return Join(out, size, first, second, third) && Exists(out);
 }
-
-bool CopyOut(const char* path, char* out, uint32_t size) {
-    size_t length = strlen(path);
-    if (length >= size) return false;
-    memcpy(out, path, length + 1);
-    return true;
-}
-
-// The saved command line's value of name when it fits in a path buffer.
-const char* SavedOptionValue(const char* name) {
-    const char* value = nullptr;
-    if (!FindOptionValue(g_argc, g_argv, name, &value)) return nullptr;
-    return strlen(value) < kPathSize ? value : nullptr;
-}
-
-const char* OwnPath() { return g_argc >= 1 && g_argv != nullptr ? g_argv[0] : nullptr; }
 
 }  // namespace
 
-void SetReadyHandle() {
-    // Nothing reads the block: only whether the handle is set matters.
-    if (g_readyHandle == nullptr) g_readyHandle = calloc(64, 1);
+bool FindAdminProgram(char* out, uint32_t size) {
+    return JoinExisting(out, size, HomeDirectory(), "/.kvo/bin/kvo") ||
+           JoinExisting(out, size, SystemPath(PLACE_SYSTEM_PROGRAM), "");
 }
 
 bool FindInstalledLibraryDirectory(char* out, uint32_t size) {
-    if (out == nullptr || size == 0) return false;
-    out[0] = '\0';
-
-    char path[kPathSize];
-    bool found = false;
-    const char* home = getenv("HOME");
-    if (home != nullptr) found = Compose(path, home, strlen(home), "/.kvo/bin/kvo") && Exists(path);
-    if (!found) found = Compose(path, kSystemProgram, sizeof kSystemProgram - 1, "") && Exists(path);
-    if (!found) return false;
-
+    char program[kPathSize];
+    if (!FindAdminProgram(program, sizeof program)) {
+        if (out != nullptr && size > 0) out[0] = '\0';
+        return false;
+    }
     // .../bin/kvo -> .../lib
-    *strrchr(path, '/') = '\0';
-    char* last = strrchr(path, '/');
-    size_t keep = static_cast<size_t>(last - path) + 1;
-    char directory[kPathSize];
-    if (!Compose(directory, path, keep, "lib")) return false;
-    return CopyOut(directory, out, size) && out[0] != '\0';
+    *strrchr(program, '/') = '\0';
+    char* bin = strrchr(program, '/');
+    bin[1] = '\0';
+    return Join(out, size, program, "lib");
 }
 
 bool FindWindowIcon(char* out, uint32_t size) {
-    if (out == nullptr || size == 0) return false;
-    out[0] = '\0';
-
-    char path[kPathSize];
-    bool found = false;
-    const char* own = OwnPath();
-    // 248 bytes: the longest own path whose directory and "/kvo.ico" are sure to fit.
-    if (own != nullptr && strlen(own) <= 248) {
-        const char* slash = strrchr(own, '/');
-        found = slash != nullptr && Compose(path, own, static_cast<size_t>(slash - own), "/kvo.ico") && Exists(path);
-    }
-    if (!found) {
-        const char* root = nullptr;
-        if (FindOptionValue(g_argc, g_argv, "-root", &root)) {
-            found = Compose(path, root, strlen(root), "/kvo.ico") && Exists(path);
-        }
-    }
-    if (!found) {
-        const char* home = getenv("HOME");
-        found = home != nullptr && Compose(path, home, strlen(home), "/.kvo/kvo.ico") && Exists(path);
-    }
-    if (!found) found = Compose(path, kSystemIcon, sizeof kSystemIcon - 1, "") && Exists(path);
-    if (!found) return false;
-    return CopyOut(path, out, size) && out[0] != '\0';
+    // Beside the executable: the own path, at most 248 bytes, from its last
+    // '/' on replaced by "/kvo.ico".
+    char own[kPathSize];
+    const char* ownPath = g_argc >= 1 && g_argv != nullptr ? g_argv[0] : "";
+    const char* slash = strrchr(ownPath, '/');
+    bool ownFits = slash != nullptr && strlen(ownPath) <= 248 && Join(own, sizeof own, ownPath, "");
+    if (ownFits) own[slash - ownPath] = '\0';
+    const char* root = nullptr;
+    FindOptionValue(g_argc, g_argv, "-root", &root);
+    return (ownFits && JoinExisting(out, size, own, "/kvo.ico")) ||
+           (root != nullptr && JoinExisting(out, size, root, "/kvo.ico")) ||
+           JoinExisting(out, size, HomeDirectory(), "/.kvo/kvo.ico") ||
+           JoinExisting(out, size, SystemPath(PLACE_SYSTEM_ETC), "kvo.ico");
 }
 
-void* GetReadyHandle() {
-    if (g_readyHandle != nullptr) return g_readyHandle;
-
-    char root[kPathSize];
-    root[0] = '\0';
-    const char* rootValue = SavedOptionValue("-root");
-    const char* own = OwnPath();
-    if (rootValue != nullptr) {
-        memcpy(root, rootValue, strlen(rootValue) + 1);
-    } else if (own != nullptr && strlen(own) < kPathSize) {
-        // The host's own directory.  A host started by a bare name found
-        // along PATH has none to offer (the name is no directory), so it
-        // takes the empty root and with it the default library directory.
-        const char* slash = strrchr(own, '/');
-        if (slash != nullptr) {
-            size_t length = static_cast<size_t>(slash - own);
-            memcpy(root, own, length);
-            root[length] = '\0';
-        }
+bool FindMaintenanceScript(const char* name, bool search, char* out, uint32_t size) {
+    if (name == nullptr) return false;
+    if (search && (JoinExisting(out, size, HomeDirectory(), "/.kvo/", name) ||
+                   JoinExisting(out, size, SystemPath(PLACE_SYSTEM_ETC), name))) {
+        return true;
     }
-    const char* config = SavedOptionValue("-config");
+    return Join(out, size, ".", name);
+}
 
-    if (StartLibraries(nullptr, root[0] != '\0' ? root : "/usr/lib/",
-                       config != nullptr && config[0] != '\0' ? config : "/etc/kvo.conf", nullptr, 0,
-                       LOAD_PLUGIN) == KVO_OK) {
-        SetReadyHandle();
-    }
-    return g_readyHandle;
+void LazyStartRoot(char* out, uint32_t size) {
+    if (out == nullptr || size == 0) return;
+    out[0] = '\0';
+    const char* root = nullptr;
+    if (FindOptionValue(g_argc, g_argv, "-root", &root) && Join(out, size, root, "")) return;
+    // The host's own directory.  A host started by a bare name found along
+    // PATH has none to offer, so it takes the empty root and with it the
+    // default library directory.
+    const char* own = g_argc >= 1 && g_argv != nullptr ? g_argv[0] : nullptr;
+    const char* slash = own != nullptr ? strrchr(own, '/') : nullptr;
+    if (slash != nullptr && Join(out, size, own, "")) out[slash - own] = '\0';
 }

@@ -1,18 +1,20 @@
-// Installation root, window icon and the ready handle through which the
-// native libraries are started lazily, once, by the first caller that needs
-// the plug-in.
+// Where the host finds the middleware's installation: its main program,
+// library directory, window icon and maintenance scripts, looked for below
+// HOME and in the system places.  Paths are built in buffers of 256 bytes;
+// a candidate that would not fit is skipped, never cut short.
 #pragma once
 
 #include <cstdint>
 
-// Non-null once a start-up of the native libraries has returned 0; never reset.
-extern void* g_readyHandle;
-
-// HOME/.kvo/bin/kvo, else /usr/bin/kvo, gives HOME/.kvo/lib or /usr/lib.
+// HOME/.kvo/bin/kvo, else /usr/bin/kvo: the first that exists.
+bool FindAdminProgram(char* out, uint32_t size);
+// The admin program's ../lib: HOME/.kvo/lib or /usr/lib.
 bool FindInstalledLibraryDirectory(char* out, uint32_t size);
 // Beside the executable, in -root, HOME/.kvo, /etc/kvo: first existing kvo.ico.
 bool FindWindowIcon(char* out, uint32_t size);
-// Starts the plug-in library (selection 2) while the handle is null.
-void* GetReadyHandle();
-// Sets g_readyHandle after a start-up that returned 0.
-void SetReadyHandle();
+// With search, HOME/.kvo/<name>, else /etc/kvo/<name>, when one exists;
+// otherwise (and always without search) "." + name in the working directory.
+bool FindMaintenanceScript(const char* name, bool search, char* out, uint32_t size);
+// The lazy start's root from the saved command line: -root when it fits,
+// else the host's own directory ("" for a bare program name).
+void LazyStartRoot(char* out, uint32_t size);

@@ -3,32 +3,15 @@
 #include <cstdio>
 #include <cstring>
 
-#include "app/paths.h"
-#include "bridge/app_commands.h"
-#include "bridge/forwarding.h"
-#include "bridge/launch.h"
-#include "native/library_manager.h"
+#include "app/app_commands.h"
+#include "native/plugin_session.h"
+#include "app/launch.h"
 
 namespace {
 
 bool IsEmpty(const char* text) { return text == nullptr || text[0] == '\0'; }
 
 }  // namespace
-
-void HandOverKey(const char* rootDirectory, const char* configPath, const char* key) {
-    if (rootDirectory != nullptr) {
-        // Started from the root the entry point found, which may differ
-        // from the one GetReadyHandle would work out.
-        if (g_readyHandle == nullptr &&
-            StartLibraries(nullptr, IsEmpty(rootDirectory) ? "/usr/lib/" : rootDirectory,
-                           IsEmpty(configPath) ? "/etc/kvo.conf" : configPath, nullptr, 0, LOAD_PLUGIN) == KVO_OK) {
-            SetReadyHandle();
-        }
-        // The root as given: an empty one stays empty here.
-        PluginSetProperty(g_readyHandle, "WorkingDirectory", rootDirectory);
-    }
-    if (key != nullptr) PluginSetProperty(GetReadyHandle(), "Key", key);
-}
 
 const char* ResultText() {
     const char* result = IsEmpty(g_exitResult) ? "OK" : g_exitResult;
@@ -51,7 +34,7 @@ void StoreResult(const char* storePath) {
         }
     }
     // The key is not left behind in the plug-in, whether or not a file was asked for.
-    PluginSetProperty(GetReadyHandle(), "Key", "");
+    ClearKey();
 }
 
 int32_t RunTestOption(const char* value) {

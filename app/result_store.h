@@ -1,11 +1,9 @@
-// Key hand-over before the main loop, the result file after it, and the
-// maintenance-script mode (-test).
+// The result file after the main loop, and the maintenance-script mode
+// (-test).
 #pragma once
 
 #include <cstdint>
 
-// "WorkingDirectory" (when root is not null), then "Key" (when key is not null).
-void HandOverKey(const char* rootDirectory, const char* configPath, const char* key);
 // Writes the page's result to storePath (when not empty), then clears "Key".
 void StoreResult(const char* storePath);
 // The result text StoreResult writes, from g_exitResult / g_exitSuccessText.

@@ -1,18 +1,15 @@
 #include "app/start_url.h"
 
+#include <glib.h>
+#include <sys/stat.h>
+
+#include <cstdlib>
 #include <cstring>
 
-#include "app/paths.h"
-#include "bridge/forwarding.h"
+#include "app/host_state.h"
+#include "native/plugin_session.h"
 
 namespace {
-
-char* CopyText(const char* text, size_t length) {
-    char* copy = new char[length + 1];
-    memcpy(copy, text, length);
-    copy[length] = '\0';
-    return copy;
-}
 
 const char* SkipBlanks(const char* p) {
     while (*p == ' ') ++p;
@@ -69,6 +66,20 @@ const char* ResolveStartUrl(const char* url) {
     memcpy(resolved, prefix, prefixLength);
     memcpy(resolved + prefixLength, url, urlLength + 1);
     return resolved;  // the start URL for the whole run, never freed
+}
+
+const char* FileUrlForLocalPath(const char* url) {
+    if (!url || !url[0] || strstr(url, "://")) return url;
+    struct stat st;
+    if (stat(url, &st) != 0 || !S_ISREG(st.st_mode)) return url;
+    char* absolute = realpath(url, nullptr);
+    if (!absolute) return url;
+    gchar* uri = g_filename_to_uri(absolute, nullptr, nullptr);
+    free(absolute);
+    if (!uri) return url;
+    char* copy = CopyText(uri, strlen(uri));  // lives as long as the start URL: never freed
+    g_free(uri);
+    return copy;
 }
 
 char** RedirectCommandLine(char** argv, int32_t* argc) {

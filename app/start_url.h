@@ -8,6 +8,10 @@
 // text (never freed): "ConfigGlobal:Dialog:PathResource" + url.
 const char* ResolveStartUrl(const char* url);
 
+// A start URL without a scheme that names an existing file becomes its
+// file:// URL (WebKit2 does not guess schemes); else the text unchanged.
+const char* FileUrlForLocalPath(const char* url);
+
 // The received vector plus the words of "ConfigGlobal:Command:App", with
 // *argc raised; null (and *argc unchanged) when nothing is configured.
 char** RedirectCommandLine(char** argv, int32_t* argc);

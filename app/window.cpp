@@ -1,154 +1,15 @@
 #include "app/window.h"
 
-#include <glib-unix.h>
 #include <gtk/gtk.h>
-#include <limits.h>
-#include <sys/stat.h>
-#include <time.h>
-#include <unistd.h>
-#include <webkit2/webkit2.h>
 
-#include <cstdlib>
-#include <cstdio>
-#include <cstring>
-#include <string>
-#include <vector>
-
+#include "app/developer.h"
 #include "app/host_state.h"
-#include "bridge/bridge_server.h"
-#include "bridge/origins.h"
-#include "bridge/launch.h"
-#include "bridge/script_calls.h"
 
 namespace {
 
-bool g_terminated = false;
-
-// A web process that keeps dying would make reloading a loop; after this
-// many crashes within the window the view shows a plain message instead.
-constexpr int kMaxCrashes = 3;
-constexpr gint64 kCrashWindowUs = 30 * G_USEC_PER_SEC;
-gint64 g_crashTimes[kMaxCrashes] = {0, 0, 0};
-int g_crashCount = 0;
-
-std::vector<std::string>* g_trustedOrigins = nullptr;
-
-const std::vector<std::string>& TrustedOrigins() {
-    if (!g_trustedOrigins) g_trustedOrigins = new std::vector<std::string>(ParseTrustedOrigins(getenv("KAVORI_TRUSTED_ORIGINS")));
-    return *g_trustedOrigins;
-}
-
-// The web process's word that a frame is trusted is not enough: while the
-// view's own top-level document is not on the list, no request is served.
-void HandleGatedRequest(const BridgeRequest& request, BridgeReply* reply) {
-    if (!TrustedOrigins().empty() &&
-        (!g_webView || !OriginTrusted(TrustedOrigins(), webkit_web_view_get_uri(WEBKIT_WEB_VIEW(g_webView))))) {
-        return;
-    }
-    HandleBridgeRequest(request, reply);
-}
-
-void OnInitializeWebExtensions(WebKitWebContext* context, gpointer) {
-    BridgeServerStart(HandleGatedRequest);
-    StartupData data;
-    BridgeFillStartupData(&data);
-    data.flags = DeveloperMode() ? uint32_t(STARTUP_DEVELOPER) : 0u;
-    data.trustedOrigins = TrustedOrigins();
-    webkit_web_context_set_web_extensions_initialization_user_data(context, MakeStartupData(data));
-}
-
-// While the origins are restricted, new windows never open, and the main
-// frame's document is only taken from a listed origin.  Navigation
-// decisions look the same for sub-frames and the main frame; the response
-// decision tells them apart, after redirects, before anything is shown.
-gboolean OnDecidePolicy(WebKitWebView*, WebKitPolicyDecision* decision, WebKitPolicyDecisionType type, gpointer) {
-    if (TrustedOrigins().empty()) return FALSE;
-    if (type == WEBKIT_POLICY_DECISION_TYPE_NEW_WINDOW_ACTION) {
-        webkit_policy_decision_ignore(decision);
-        return TRUE;
-    }
-    if (type != WEBKIT_POLICY_DECISION_TYPE_RESPONSE) return FALSE;
-    WebKitResponsePolicyDecision* response = WEBKIT_RESPONSE_POLICY_DECISION(decision);
-    if (!webkit_response_policy_decision_is_main_frame_main_resource(response)) return FALSE;
-    const char* uri = webkit_uri_request_get_uri(webkit_response_policy_decision_get_request(response));
-    if (OriginTrusted(TrustedOrigins(), uri)) return FALSE;
-    fprintf(stderr, "kavori-host: refused navigation to %s: origin not in KAVORI_TRUSTED_ORIGINS\n", uri ? uri : "");
-    webkit_policy_decision_ignore(decision);
-    return TRUE;
-}
-
-// Developer mode: F5 and Ctrl+R reload, Ctrl+Shift+I opens the inspector.
-gboolean OnDeveloperKey(GtkWidget*, GdkEventKey* event, gpointer) {
-    guint state = event->state & gtk_accelerator_get_default_mod_mask();
-    guint key = gdk_keyval_to_lower(event->keyval);
-    if (key == GDK_KEY_F5 || (state == GDK_CONTROL_MASK && key == GDK_KEY_r)) {
-        webkit_web_view_reload(WEBKIT_WEB_VIEW(g_webView));
-        return TRUE;
-    }
-    if (state == (GDK_CONTROL_MASK | GDK_SHIFT_MASK) && key == GDK_KEY_i) {
-        webkit_web_inspector_show(webkit_web_view_get_inspector(WEBKIT_WEB_VIEW(g_webView)));
-        return TRUE;
-    }
-    return FALSE;
-}
-
-void OnWebProcessTerminated(WebKitWebView* view, WebKitWebProcessTerminationReason, gpointer) {
-    gint64 now = g_get_monotonic_time();
-    g_crashTimes[g_crashCount % kMaxCrashes] = now;
-    ++g_crashCount;
-    gint64 oldest = g_crashTimes[g_crashCount % kMaxCrashes];
-    if (g_crashCount >= kMaxCrashes && now - oldest < kCrashWindowUs) {
-        webkit_web_view_load_plain_text(view, "This dialog stopped working. Please close the window and try again.");
-        return;
-    }
-    if (g_startUrl) webkit_web_view_load_uri(view, g_startUrl);
-}
-
-gboolean OnTerminationSignal(gpointer) {
-    g_terminated = true;
-    gtk_main_quit();
-    return G_SOURCE_CONTINUE;
-}
-
-void RemoveSocketAtExit() { BridgeRemoveSocketDirectory(); }
+void OnDestroy(GtkWidget*, gpointer) { gtk_main_quit(); }
 
 }  // namespace
-
-bool FindExtensionDirectory(char* out, uint32_t size) {
-    char exe[PATH_MAX];
-    ssize_t n = readlink("/proc/self/exe", exe, sizeof exe - 1);
-    if (n <= 0) return false;
-    exe[n] = '\0';
-    char* slash = strrchr(exe, '/');
-    if (!slash) return false;
-    *slash = '\0';
-    // bin/ and lib/kavori/ side by side, in the build tree and installed.
-    int written = snprintf(out, size, "%s/../lib/kavori", exe);
-    return written > 0 && static_cast<uint32_t>(written) < size;
-}
-
-void PrepareWebContext() {
-    WebKitWebContext* context = webkit_web_context_get_default();
-    char directory[PATH_MAX];
-    if (FindExtensionDirectory(directory, sizeof directory)) {
-        webkit_web_context_set_web_extensions_directory(context, directory);
-    }
-    g_signal_connect(context, "initialize-web-extensions", G_CALLBACK(OnInitializeWebExtensions), nullptr);
-    g_beforeRestartExit = RemoveSocketAtExit;
-    atexit(RemoveSocketAtExit);
-}
-
-GtkWidget* BuildWebViewBox() {
-    GtkWidget* box = gtk_box_new(GTK_ORIENTATION_VERTICAL, 0);
-    GtkWidget* scrolled = gtk_scrolled_window_new(nullptr, nullptr);
-    gtk_scrolled_window_set_policy(GTK_SCROLLED_WINDOW(scrolled), GTK_POLICY_AUTOMATIC, GTK_POLICY_AUTOMATIC);
-    g_webView = webkit_web_view_new();
-    g_signal_connect(g_webView, "web-process-terminated", G_CALLBACK(OnWebProcessTerminated), nullptr);
-    g_signal_connect(g_webView, "decide-policy", G_CALLBACK(OnDecidePolicy), nullptr);
-    gtk_container_add(GTK_CONTAINER(scrolled), g_webView);
-    gtk_box_pack_start(GTK_BOX(box), scrolled, TRUE, TRUE, 0);
-    return box;
-}
 
 void GetScreenSize(int32_t* width, int32_t* height) {
     // The options mean the X screen, not a monitor: the screen calls are
@@ -159,35 +20,21 @@ void GetScreenSize(int32_t* width, int32_t* height) {
     G_GNUC_END_IGNORE_DEPRECATIONS
 }
 
-const char* FileUrlForLocalPath(const char* url) {
-    if (!url || !url[0] || strstr(url, "://")) return url;
-    struct stat st;
-    if (stat(url, &st) != 0 || !S_ISREG(st.st_mode)) return url;
-    char* absolute = realpath(url, nullptr);
-    if (!absolute) return url;
-    gchar* uri = g_filename_to_uri(absolute, nullptr, nullptr);
-    free(absolute);
-    if (!uri) return url;
-    size_t size = strlen(uri) + 1;
-    char* copy = new char[size];  // lives as long as the start URL: never freed
-    memcpy(copy, uri, size);
-    g_free(uri);
-    return copy;
+void CreateMainWindow(const char* iconPath, const char* title, const WindowGeometry& geometry) {
+    if (iconPath) gtk_window_set_default_icon_from_file(iconPath, nullptr);
+    g_mainWindow = gtk_window_new(GTK_WINDOW_TOPLEVEL);
+    gtk_window_set_title(GTK_WINDOW(g_mainWindow), title);
+    gtk_window_set_default_size(GTK_WINDOW(g_mainWindow), geometry.width, geometry.height);
+    g_signal_connect(g_mainWindow, "destroy", G_CALLBACK(OnDestroy), nullptr);
+    ConnectDeveloperKeys(g_mainWindow);
 }
 
-void WatchTerminationSignals() {
-    g_unix_signal_add(SIGTERM, OnTerminationSignal, nullptr);
-    g_unix_signal_add(SIGINT, OnTerminationSignal, nullptr);
-    g_unix_signal_add(SIGHUP, OnTerminationSignal, nullptr);
-}
-
-bool TerminatedBySignal() { return g_terminated; }
-
-bool DeveloperMode() {
-    const char* value = getenv("KAVORI_DEVELOPER");
-    return value && strcmp(value, "1") == 0;
-}
-
-void ConnectDeveloperKeys(GtkWidget* window) {
-    if (DeveloperMode()) g_signal_connect(window, "key-press-event", G_CALLBACK(OnDeveloperKey), nullptr);
+void ShowMainWindow(const WindowGeometry& geometry, bool resizing, bool keepAbove) {
+    gtk_widget_show_all(g_mainWindow);
+    if (geometry.x != 0 || geometry.y != 0) gtk_window_move(GTK_WINDOW(g_mainWindow), geometry.x, geometry.y);
+    if (!resizing) {
+        gtk_widget_set_size_request(g_webView, geometry.width, geometry.height);
+        gtk_window_set_resizable(GTK_WINDOW(g_mainWindow), FALSE);
+    }
+    if (keepAbove) gtk_window_set_keep_above(GTK_WINDOW(g_mainWindow), TRUE);
 }

@@ -1,27 +1,17 @@
-// The pieces of the entry point that talk to the toolkit and to WebKit.
+// The one top-level window around the web view.
 #pragma once
 
 #include <cstdint>
 
+#include "app/geometry.h"
+
 typedef struct _GtkWidget GtkWidget;
 
-// Points the default web context at the web extension next to the
-// executable and starts the bridge when WebKit starts a web process.
-void PrepareWebContext();
-// The vertical box holding the scrolled window holding g_webView.
-GtkWidget* BuildWebViewBox();
-// The screen size the geometry options refer to.
+// The X screen's size, which the geometry options refer to.
 void GetScreenSize(int32_t* width, int32_t* height);
-// A start URL without a scheme that names an existing file becomes its
-// file:// URL (WebKit2 does not guess schemes); else the text unchanged.
-const char* FileUrlForLocalPath(const char* url);
-// Ends the run on SIGTERM, SIGINT and SIGHUP without a result.
-void WatchTerminationSignals();
-bool TerminatedBySignal();
-// The directory holding the web extension, found from /proc/self/exe.
-bool FindExtensionDirectory(char* out, uint32_t size);
-
-// KAVORI_DEVELOPER=1: developer extras, the page's console on stderr and
-// reload / inspector keys, for this run only.
-bool DeveloperMode();
-void ConnectDeveloperKeys(GtkWidget* window);
+// g_mainWindow with the icon (when not null) as the default icon, the
+// title and default size; closing it ends the main loop.
+void CreateMainWindow(const char* iconPath, const char* title, const WindowGeometry& geometry);
+// Shows it, then places it (unless x and y are both 0), fixes its size
+// unless resizing, and keeps it above others when asked.
+void ShowMainWindow(const WindowGeometry& geometry, bool resizing, bool keepAbove);

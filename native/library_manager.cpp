@@ -3,6 +3,7 @@
 #include <cstring>
 #include <new>
 
+#include "native/system_places.h"
 #include "native/trace.h"
 #include "native/wrapper_plugin.h"
 #include "native/wrapper_pkcs11.h"
@@ -117,13 +118,14 @@ void GetLibraryDirectory(char* out, uint32_t size) {
 }
 
 bool GetDefaultLibraryDirectory(char* out, uint32_t size) {
-    static const char kDefault[] = "/usr/lib/";
+    const char* path = SystemPath(PLACE_LIBRARY_DIR);
     if (out == nullptr) return false;
-    if (size < sizeof kDefault) {
+    size_t length = strlen(path);
+    if (size <= length) {
         if (size > 0) out[0] = '\0';
         return false;
     }
-    memcpy(out, kDefault, sizeof kDefault);
+    memcpy(out, path, length + 1);
     return true;
 }
 

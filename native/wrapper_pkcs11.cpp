@@ -4,23 +4,8 @@
 
 #include <cstring>
 
-namespace {
+#include "native/library_file.h"
 
-// Appends as much of text as fits in a buffer of size bytes, terminator
-// included; an over-long path is cut and then simply fails to open.
-void AppendBounded(char* buffer, size_t size, const char* text) {
-    if (buffer == nullptr || text == nullptr || size == 0) return;
-    const char* end = static_cast<const char*>(memchr(buffer, 0, size));
-    if (end == nullptr) return;
-    size_t used = static_cast<size_t>(end - buffer);
-    size_t count = strnlen(text, size - used - 1);
-    memcpy(buffer + used, text, count);
-    buffer[used + count] = '\0';
-}
-
-void* const kInvalidHandle = reinterpret_cast<void*>(~static_cast<uintptr_t>(0));
-
-}  // namespace
 
 CWrapperPKCS11::CWrapperPKCS11()
     : m_hModule(nullptr),
@@ -67,7 +52,7 @@ bool CWrapperPKCS11::Load(const char* directory) {
 }
 
 void CWrapperPKCS11::Unload() {
-    if (m_hModule != nullptr && m_hModule != kInvalidHandle) dlclose(m_hModule);
+    CloseLibrary(m_hModule);
     m_hModule = nullptr;
     m_pFunctionList = nullptr;
     m_bInitializedHere = false;

@@ -4,9 +4,9 @@
 
 #include <cstring>
 
-namespace {
+#include "native/library_file.h"
 
-void* const kInvalidHandle = reinterpret_cast<void*>(~static_cast<uintptr_t>(0));
+namespace {
 
 template <typename T>
 T Bind(void* library, const char* name) {
@@ -60,7 +60,7 @@ bool CWrapperPlugin::Load(const char* directory) {
 }
 
 void CWrapperPlugin::Unload() {
-    if (m_hLibrary != nullptr && m_hLibrary != kInvalidHandle) dlclose(m_hLibrary);
+    CloseLibrary(m_hLibrary);
     m_hLibrary = nullptr;
     m_pfnInitialize = nullptr;
     m_pfnFinalize = nullptr;
@@ -113,13 +113,4 @@ intptr_t CWrapperPlugin::SetTraceCallback(TraceCallback callback) {
     return m_pfnSetTraceCallback(callback);
 }
 
-void CWrapperPlugin::AppendString(char* buffer, size_t size, const char* text) {
-    if (buffer == nullptr || text == nullptr || size == 0) return;
-    // A buffer without a terminator inside size bytes is not ours to extend.
-    const char* end = static_cast<const char*>(memchr(buffer, 0, size));
-    if (end == nullptr) return;
-    size_t used = static_cast<size_t>(end - buffer);
-    size_t count = strnlen(text, size - used - 1);
-    memcpy(buffer + used, text, count);
-    buffer[used + count] = '\0';
-}
+void CWrapperPlugin::AppendString(char* buffer, size_t size, const char* text) { AppendBounded(buffer, size, text); }

@@ -1,11 +1,10 @@
-#include "bridge/script_calls.h"
+#include "app/script_calls.h"
 
 #include <cmath>
 #include <cstring>
 
-#include "app/paths.h"
-#include "bridge/app_commands.h"
-#include "bridge/forwarding.h"
+#include "app/app_commands.h"
+#include "native/plugin_session.h"
 
 namespace {
 

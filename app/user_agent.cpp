@@ -1,9 +1,11 @@
-#include "bridge/user_agent.h"
+#include "app/user_agent.h"
 
 #include <sys/stat.h>
 
 #include <cstdio>
 #include <cstring>
+
+#include "native/system_places.h"
 
 namespace {
 
@@ -88,11 +90,6 @@ void AppendVersionDigits(const char* field, size_t length, char* out) {
 }
 
 bool ComposeUserAgentText(const char* defaultAgent, char* productInfo, char* buffer, uint32_t size) {
-    return ComposeUserAgentTextFrom("/etc/issue.net", defaultAgent, productInfo, buffer, size);
-}
-
-bool ComposeUserAgentTextFrom(const char* osDescriptionPath, const char* defaultAgent, char* productInfo,
-                              char* buffer, uint32_t size) {
     if (defaultAgent == nullptr || productInfo == nullptr || buffer == nullptr) return false;
     size_t agentLength = strlen(defaultAgent);
     if (agentLength + 64 >= size) return false;
@@ -125,17 +122,16 @@ bool ComposeUserAgentTextFrom(const char* osDescriptionPath, const char* default
     // The description goes one byte past the text; that byte, the text's
     // terminator, becomes the joining blank when there is a description.
     uint32_t room = size - 1 - static_cast<uint32_t>(length);
-    if (ReadOsDescriptionFrom(osDescriptionPath, buffer + length + 1, room)) buffer[length] = ' ';
+    if (ReadOsDescription(buffer + length + 1, room)) buffer[length] = ' ';
     return true;
 }
 
-bool ReadOsDescription(char* buffer, uint32_t size) { return ReadOsDescriptionFrom("/etc/issue.net", buffer, size); }
-
-bool ReadOsDescriptionFrom(const char* path, char* buffer, uint32_t size) {
+bool ReadOsDescription(char* buffer, uint32_t size) {
     if (buffer == nullptr || size == 0) return false;
+    const char* path = SystemPath(PLACE_OS_DESCRIPTION);
     buffer[0] = '\0';
     struct stat st;
-    if (path == nullptr || stat(path, &st) != 0) return false;
+    if (stat(path, &st) != 0) return false;
     FILE* file = fopen(path, "rb");
     if (file == nullptr) return false;
     size_t count = fread(buffer, 1, size - 1, file);

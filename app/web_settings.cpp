@@ -1,14 +1,13 @@
-#include "bridge/web_settings.h"
+#include "app/web_settings.h"
 
 #include <webkit2/webkit2.h>
 
 #include <cstring>
 
 #include "app/host_state.h"
-#include "app/paths.h"
-#include "app/window.h"
-#include "bridge/forwarding.h"
-#include "bridge/user_agent.h"
+#include "app/developer.h"
+#include "native/plugin_session.h"
+#include "app/user_agent.h"
 
 namespace {
 constexpr uint32_t kUserAgentSize = 256;

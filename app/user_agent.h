@@ -11,9 +11,6 @@
 // split in place.  Fills buffer (zeroed by the caller) and returns true when
 // it holds a composed user agent.
 bool ComposeUserAgentText(const char* defaultAgent, char* productInfo, char* buffer, uint32_t size);
-// The same with the description read from osDescriptionPath (tests).
-bool ComposeUserAgentTextFrom(const char* osDescriptionPath, const char* defaultAgent, char* productInfo,
-                              char* buffer, uint32_t size);
 
 // Appends the version digits of a version field of `length` bytes to out:
 // at most four characters and a dot.  Positions past the field count as
@@ -22,7 +19,6 @@ void AppendVersionDigits(const char* field, size_t length, char* out);
 
 // The start of /etc/issue.net, cut before its second dot, last blank to '/'.
 bool ReadOsDescription(char* buffer, uint32_t size);
-bool ReadOsDescriptionFrom(const char* path, char* buffer, uint32_t size);
 
 // Whether WebKit takes text as its user agent: an HTTP User-Agent value of
 // products (token ["/" token]) and comments, nothing else.  WebKit keeps its

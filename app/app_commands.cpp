@@ -1,4 +1,4 @@
-#include "bridge/app_commands.h"
+#include "app/app_commands.h"
 
 #include <gtk/gtk.h>
 #include <strings.h>
@@ -10,24 +10,16 @@
 
 #include "app/host_state.h"
 #include "app/options.h"
-#include "bridge/launch.h"
+#include "app/launch.h"
 
 char* g_exitResult = nullptr;
 char* g_exitSuccessText = nullptr;
 
 namespace {
 
-char* CopyText(const char* text) {
-    if (!text) return nullptr;
-    size_t size = strlen(text) + 1;
-    char* copy = new char[size];
-    memcpy(copy, text, size);
-    return copy;
-}
-
 void ReplaceText(char** slot, const char* text) {
     delete[] *slot;
-    *slot = CopyText(text);
+    *slot = text ? CopyText(text, strlen(text)) : nullptr;
 }
 
 // GDK makes no native window beyond 32767 pixels a side; a larger size

@@ -6,7 +6,8 @@
 #include <cstdint>
 
 void LaunchAdminProgram();
-// Returns only when the new process could not be created.
+// Removes the bridge's socket directory and ends this process once the new
+// one is started; returns only when it could not be created.
 void RestartHost();
 // Runs the script and waits 0.1 s, then polls up to 100 times every 0.999 s.
 void RunMaintenanceScript(const char* name, bool search);
@@ -14,6 +15,3 @@ void RunMaintenanceScript(const char* name, bool search);
 // The same with another wait; for tests only (the host never calls it).
 void RunMaintenanceScriptWaiting(const char* name, bool search, uint32_t firstSleepUs, uint32_t polls,
                                  uint32_t pollSleepUs);
-
-// Run in the parent just before it ends for a restart (the bridge's clean-up).
-extern void (*g_beforeRestartExit)();

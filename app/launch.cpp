@@ -1,0 +1,58 @@
+#include "app/launch.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "app/host_state.h"
+#include "app/paths.h"
+#include "bridge/bridge_server.h"
+
+namespace {
+constexpr uint32_t kPathSize = 256;
+}
+
+void LaunchAdminProgram() {
+    char path[kPathSize];
+    if (!FindAdminProgram(path, sizeof path)) return;
+    if (fork() == 0) {
+        setsid();
+        execl(path, path, "-admin", static_cast<char*>(nullptr));
+        _exit(0);
+    }
+}
+
+void RestartHost() {
+    if (g_argc < 1 || !g_argv) return;
+    // The saved command line is ours and stays whole across the fork.
+    pid_t pid = fork();
+    if (pid < 0) return;
+    if (pid > 0) {
+        BridgeRemoveSocketDirectory();
+        _exit(0);
+    }
+    setsid();
+    execv(g_argv[0], g_argv);
+    _exit(0);
+}
+
+void RunMaintenanceScriptWaiting(const char* name, bool search, uint32_t firstSleepUs, uint32_t polls,
+                                 uint32_t pollSleepUs) {
+    char path[kPathSize];
+    if (!FindMaintenanceScript(name, search, path, sizeof path)) return;
+    pid_t pid = fork();
+    if (pid < 0) return;
+    if (pid == 0) {
+        setsid();
+        execl(path, path, static_cast<char*>(nullptr));
+        _exit(0);
+    }
+    usleep(firstSleepUs);
+    for (uint32_t poll = 0; poll < polls; ++poll) {
+        if (waitpid(pid, nullptr, WNOHANG) > 0) return;
+        usleep(pollSleepUs);
+    }
+}
+
+void RunMaintenanceScript(const char* name, bool search) {
+    RunMaintenanceScriptWaiting(name, search, 100000, 100, 999000);
+}

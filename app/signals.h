@@ -1,0 +1,5 @@
+// SIGTERM, SIGINT and SIGHUP end the run without a result.
+#pragma once
+
+void WatchTerminationSignals();
+bool TerminatedBySignal();
