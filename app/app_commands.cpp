@@ -42,7 +42,22 @@ void Resize(const char* arg2, double arg2Number) {
     }
 }
 
+guint g_exitBound = 0;
+
+gboolean OnExitBound(gpointer) {
+    g_exitBound = 0;
+    gtk_main_quit();
+    return G_SOURCE_REMOVE;
+}
+
 }  // namespace
+
+void EndExitTurn() {
+    if (g_exitBound == 0) return;
+    g_source_remove(g_exitBound);
+    g_exitBound = 0;
+    gtk_main_quit();
+}
 
 uint32_t PackedSizeFromNumber(double value) {
     // Exactly representable bounds of the signed 64-bit range.
@@ -50,13 +65,17 @@ uint32_t PackedSizeFromNumber(double value) {
     return static_cast<uint32_t>(static_cast<uint64_t>(static_cast<int64_t>(value)));
 }
 
-void RunApplicationCommand(const char* command, int32_t argc, const char* arg2, const char* arg3,
-                           double arg2Number) {
-    if (!command) return;
+int32_t RunApplicationCommand(const char* command, int32_t argc, const char* arg2, const char* arg3,
+                              double arg2Number) {
+    if (!command) return 0;
     if (strcasecmp(command, "exit") == 0) {
+        // A later exit of the same turn replaces what it supplies again.
         if (argc >= 2) ReplaceText(&g_exitResult, arg2);
         if (argc >= 3) ReplaceText(&g_exitSuccessText, arg3);
-        gtk_main_quit();
+        // The rest of the page's running script still reaches the plug-in;
+        // a page that never yields cannot hold the dialog open.
+        if (g_exitBound == 0) g_exitBound = g_timeout_add(kExitTurnBoundMs, OnExitBound, nullptr);
+        return kExitTurnAwaited;
     } else if (strcasecmp(command, "resize") == 0) {
         Resize(argc >= 2 ? arg2 : nullptr, argc >= 2 ? arg2Number : NAN);
     } else if (strcasecmp(command, "reload") == 0) {
@@ -71,6 +90,7 @@ void RunApplicationCommand(const char* command, int32_t argc, const char* arg2, 
         RunMaintenanceScript("uninstall", true);
         gtk_main_quit();
     }
+    return 0;
 }
 
 void ReleaseExitTexts() {

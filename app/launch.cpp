@@ -5,6 +5,7 @@
 
 #include "app/host_state.h"
 #include "app/paths.h"
+#include "app/signals.h"
 #include "bridge/bridge_server.h"
 
 namespace {
@@ -46,10 +47,10 @@ void RunMaintenanceScriptWaiting(const char* name, bool search, uint32_t firstSl
         execl(path, path, static_cast<char*>(nullptr));
         _exit(0);
     }
-    usleep(firstSleepUs);
-    for (uint32_t poll = 0; poll < polls; ++poll) {
+    SleepUnlessTerminated(firstSleepUs);
+    for (uint32_t poll = 0; poll < polls && !TerminatedBySignal(); ++poll) {
         if (waitpid(pid, nullptr, WNOHANG) > 0) return;
-        usleep(pollSleepUs);
+        SleepUnlessTerminated(pollSleepUs);
     }
 }
 

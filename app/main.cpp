@@ -45,6 +45,24 @@ void PreloadSanitizerRuntime() {
 void PreloadSanitizerRuntime() {}
 #endif
 
+// Without a session bus GLib and the accessibility bridge autolaunch one
+// (dbus-launch, where installed) for every run, and those daemons outlive
+// the dialog, carrying its environment.  A desktop session always has a
+// bus, and where none exists no screen reader can be listening either, so
+// the host then asks for none: it and its web processes get an address
+// that no client can use, and no daemon is started.
+void AvoidBusAutolaunch() {
+    if (getenv("DBUS_SESSION_BUS_ADDRESS")) return;
+    const char* runtime = getenv("XDG_RUNTIME_DIR");
+    if (runtime) {
+        gchar* bus = g_build_filename(runtime, "bus", nullptr);
+        bool exists = g_file_test(bus, G_FILE_TEST_EXISTS);
+        g_free(bus);
+        if (exists) return;
+    }
+    setenv("DBUS_SESSION_BUS_ADDRESS", "disabled:", 1);
+}
+
 }  // namespace
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -56,7 +74,9 @@ extern "C" const char* __asan_default_options() { return "detect_leaks=0"; }
 
 int main(int argc, char** argv) {
     // gdk_threads_enter/leave are no-ops in GTK 3 and are left out.
+    WatchTerminationSignals();
     PreloadSanitizerRuntime();
+    AvoidBusAutolaunch();
     SaveCommandLine(argc, argv);
     char lazyRoot[kPathSize];
     LazyStartRoot(lazyRoot, sizeof lazyRoot);
@@ -123,13 +143,13 @@ int main(int argc, char** argv) {
         gtk_container_add(GTK_CONTAINER(g_mainWindow), box);
         webkit_web_view_load_uri(WEBKIT_WEB_VIEW(g_webView), g_startUrl);
         gtk_widget_grab_focus(g_webView);
-        usleep(wait);
-        ShowMainWindow(geometry, resizing, keepAbove);
+        SleepUnlessTerminated(wait);
 
-        HandOverKey(root, configPath, key);
-        WatchTerminationSignals();
-
-        gtk_main();
+        if (!TerminatedBySignal()) {
+            ShowMainWindow(geometry, resizing, keepAbove);
+            HandOverKey(root, configPath, key);
+            gtk_main();
+        }
 
         // A dialog ended by a signal has no result to report.
         const char* storePath = nullptr;

@@ -35,9 +35,12 @@ void HandleBridgeRequest(const BridgeRequest& request, BridgeReply* reply) {
             break;
         case BRIDGE_APPLICATION:
             if (a[0]) {
-                RunApplicationCommand(a[0]->c_str(), request.argc, a[1] ? a[1]->c_str() : nullptr,
-                                      a[2] ? a[2]->c_str() : nullptr, request.number);
+                reply->code = RunApplicationCommand(a[0]->c_str(), request.argc, a[1] ? a[1]->c_str() : nullptr,
+                                                    a[2] ? a[2]->c_str() : nullptr, request.number);
             }
+            break;
+        case BRIDGE_TURN_ENDED:
+            EndExitTurn();
             break;
         default:
             break;

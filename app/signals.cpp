@@ -1,24 +1,57 @@
 #include "app/signals.h"
 
+#include <fcntl.h>
 #include <glib-unix.h>
 #include <gtk/gtk.h>
+#include <poll.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <initializer_list>
 
 namespace {
 
-bool g_terminated = false;
+volatile sig_atomic_t g_terminated = 0;
+int g_wakeUp[2] = {-1, -1};
 
-gboolean OnTerminationSignal(gpointer) {
-    g_terminated = true;
-    gtk_main_quit();
+// Only async-signal-safe work here: the flag, and a byte that wakes the
+// main loop when it runs.
+void OnSignal(int) {
+    int saved = errno;
+    g_terminated = 1;
+    if (g_wakeUp[1] >= 0) (void)!write(g_wakeUp[1], "", 1);
+    errno = saved;
+}
+
+gboolean OnWakeUp(gint fd, GIOCondition, gpointer) {
+    char drain[64];
+    while (read(fd, drain, sizeof drain) > 0) {
+    }
+    if (gtk_main_level() > 0) gtk_main_quit();
     return G_SOURCE_CONTINUE;
 }
 
 }  // namespace
 
 void WatchTerminationSignals() {
-    g_unix_signal_add(SIGTERM, OnTerminationSignal, nullptr);
-    g_unix_signal_add(SIGINT, OnTerminationSignal, nullptr);
-    g_unix_signal_add(SIGHUP, OnTerminationSignal, nullptr);
+    if (g_wakeUp[0] < 0 && pipe2(g_wakeUp, O_CLOEXEC | O_NONBLOCK) == 0) {
+        g_unix_fd_add(g_wakeUp[0], G_IO_IN, OnWakeUp, nullptr);
+    }
+    struct sigaction action = {};
+    action.sa_handler = OnSignal;
+    sigemptyset(&action.sa_mask);
+    // No SA_RESTART: a pause or a wait in progress is cut short.
+    for (int signal : {SIGTERM, SIGINT, SIGHUP}) sigaction(signal, &action, nullptr);
 }
 
-bool TerminatedBySignal() { return g_terminated; }
+bool TerminatedBySignal() { return g_terminated != 0; }
+
+void SleepUnlessTerminated(uint32_t microseconds) {
+    // Waiting on the wake-up pipe (never read here) sees a signal that came
+    // before the call as well as one that comes during it.
+    struct pollfd wakeUp = {g_wakeUp[0], POLLIN, 0};
+    struct timespec timeout = {static_cast<time_t>(microseconds / 1000000),
+                               static_cast<long>(microseconds % 1000000) * 1000};
+    if (!TerminatedBySignal()) ppoll(&wakeUp, g_wakeUp[0] >= 0 ? 1 : 0, &timeout, nullptr);
+}

@@ -3,7 +3,6 @@
 #include <glib.h>
 #include <sys/stat.h>
 
-#include <cstdlib>
 #include <cstring>
 
 #include "app/host_state.h"
@@ -72,10 +71,11 @@ const char* FileUrlForLocalPath(const char* url) {
     if (!url || !url[0] || strstr(url, "://")) return url;
     struct stat st;
     if (stat(url, &st) != 0 || !S_ISREG(st.st_mode)) return url;
-    char* absolute = realpath(url, nullptr);
-    if (!absolute) return url;
+    // Absolute but not resolved: a page reached through a symlink finds its
+    // relative resources beside the link.
+    gchar* absolute = g_canonicalize_filename(url, nullptr);
     gchar* uri = g_filename_to_uri(absolute, nullptr, nullptr);
-    free(absolute);
+    g_free(absolute);
     if (!uri) return url;
     char* copy = CopyText(uri, strlen(uri));  // lives as long as the start URL: never freed
     g_free(uri);

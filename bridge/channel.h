@@ -22,7 +22,8 @@ enum BridgeOp : uint8_t {
     BRIDGE_SET_PROPERTY = 2,
     BRIDGE_ENUM_PROPERTY = 3,
     BRIDGE_INVOKE = 4,
-    BRIDGE_APPLICATION = 5,
+    BRIDGE_APPLICATION = 5,  // reply code 1: tell the host when this script turn ends
+    BRIDGE_TURN_ENDED = 6,   // the script turn that ended the dialog is over
     BRIDGE_OP_COUNT
 };
 

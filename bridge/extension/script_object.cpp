@@ -82,6 +82,29 @@ JSValueRef Invoke(JSContextRef context, JSObjectRef, JSObjectRef, size_t argumen
     return JSValueMakeNumber(context, static_cast<double>(reply.code));
 }
 
+JSValueRef TurnEnded(JSContextRef context, JSObjectRef, JSObjectRef, size_t, const JSValueRef[], JSValueRef*) {
+    BridgeRequest request;
+    request.op = BRIDGE_TURN_ENDED;
+    BridgeReply reply;
+    g_transport(request, &reply);
+    return JSValueMakeUndefined(context);
+}
+
+// The host keeps the dialog open until the script turn that called exit is
+// over: a zero-delay task queued now runs right after that turn.  Should
+// the page have broken setTimeout, the host's own bound ends the dialog.
+void QueueTurnEnd(JSContextRef context) {
+    JSObjectRef global = JSContextGetGlobalObject(context);
+    JSStringRef name = JSStringCreateWithUTF8CString("setTimeout");
+    JSValueRef exception = nullptr;
+    JSValueRef value = JSObjectGetProperty(context, global, name, &exception);
+    JSStringRelease(name);
+    JSObjectRef setTimeout = value && JSValueIsObject(context, value) ? JSValueToObject(context, value, &exception) : nullptr;
+    if (!setTimeout || !JSObjectIsFunction(context, setTimeout)) return;
+    JSValueRef arguments[] = {JSObjectMakeFunctionWithCallback(context, nullptr, TurnEnded), JSValueMakeNumber(context, 0)};
+    JSObjectCallAsFunction(context, setTimeout, global, 2, arguments, &exception);
+}
+
 JSValueRef Application(JSContextRef context, JSObjectRef, JSObjectRef, size_t argumentCount,
                        const JSValueRef arguments[], JSValueRef*) {
     BridgeRequest request;
@@ -98,7 +121,7 @@ JSValueRef Application(JSContextRef context, JSObjectRef, JSObjectRef, size_t ar
         request.number = JSValueToNumber(context, arguments[1], nullptr);
     }
     BridgeReply reply;
-    g_transport(request, &reply);
+    if (g_transport(request, &reply) && reply.code == 1) QueueTurnEnd(context);
     return JSValueMakeNumber(context, 0);
 }
 
