@@ -16,7 +16,11 @@ extern const char* g_startUrl;
 extern GtkWidget* g_webView;
 extern GtkWidget* g_mainWindow;
 
-// Copies argc/argv into storage of its own (never freed).
+// The running program's file, resolved when the command line is saved
+// ("" when /proc/self/exe cannot be read).
+extern char g_ownProgram[4096];
+// Copies argc/argv into storage of its own (never freed) and resolves
+// g_ownProgram.
 void SaveCommandLine(int argc, char** argv);
 // length bytes of text and a terminator, allocated with array new.
 char* CopyText(const char* text, size_t length);

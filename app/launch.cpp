@@ -23,7 +23,10 @@ void LaunchAdminProgram() {
 }
 
 void RestartHost() {
-    if (g_argc < 1 || !g_argv) return;
+    // The program that is running, not a new search for its first argument:
+    // a host started by a bare name would otherwise run whatever file of
+    // that name the working directory holds.  argv stays as received.
+    if (g_argc < 1 || !g_argv || !g_ownProgram[0]) return;
     // The saved command line is ours and stays whole across the fork.
     pid_t pid = fork();
     if (pid < 0) return;
@@ -32,7 +35,7 @@ void RestartHost() {
         _exit(0);
     }
     setsid();
-    execv(g_argv[0], g_argv);
+    execv(g_ownProgram, g_argv);
     _exit(0);
 }
 

@@ -1,6 +1,7 @@
 #include "app/paths.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstring>
 
@@ -30,6 +31,14 @@ bool Join(char* out, uint32_t size, const char* first, const char* second, const
 bool Exists(const char* path) {
     struct stat st;
     return stat(path, &st) == 0;
+}
+
+// A script runs with the user's rights: only one that nobody else could
+// have planted or changed counts as there.
+bool JoinTrustedScript(char* out, uint32_t size, const char* first, const char* second, const char* third = nullptr) {
+    struct stat st;
+    return Join(out, size, first, second, third) && stat(out, &st) == 0 &&
+           (st.st_uid == getuid() || st.st_uid == 0) && (st.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
 bool JoinExisting(char* out, uint32_t size, const char* first, const char* second, const char* third = nullptr) {
@@ -74,11 +83,9 @@ bool FindWindowIcon(char* out, uint32_t size) {
 
 bool FindMaintenanceScript(const char* name, bool search, char* out, uint32_t size) {
     if (name == nullptr) return false;
-    if (search && (JoinExisting(out, size, HomeDirectory(), "/.kvo/", name) ||
-                   JoinExisting(out, size, SystemPath(PLACE_SYSTEM_ETC), name))) {
-        return true;
-    }
-    return Join(out, size, ".", name);
+    return (search && (JoinTrustedScript(out, size, HomeDirectory(), "/.kvo/", name) ||
+                       JoinTrustedScript(out, size, SystemPath(PLACE_SYSTEM_ETC), name))) ||
+           JoinTrustedScript(out, size, ".", name);
 }
 
 void LazyStartRoot(char* out, uint32_t size) {

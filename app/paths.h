@@ -12,8 +12,9 @@ bool FindAdminProgram(char* out, uint32_t size);
 bool FindInstalledLibraryDirectory(char* out, uint32_t size);
 // Beside the executable, in -root, HOME/.kvo, /etc/kvo: first existing kvo.ico.
 bool FindWindowIcon(char* out, uint32_t size);
-// With search, HOME/.kvo/<name>, else /etc/kvo/<name>, when one exists;
-// otherwise (and always without search) "." + name in the working directory.
+// With search, HOME/.kvo/<name>, else /etc/kvo/<name>; then "." + name in
+// the working directory.  A script counts only when it is owned by the user
+// or root and not writable by group or others.
 bool FindMaintenanceScript(const char* name, bool search, char* out, uint32_t size);
 // The lazy start's root from the saved command line: -root when it fits,
 // else the host's own directory ("" for a bare program name).
