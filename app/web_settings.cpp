@@ -8,6 +8,7 @@
 #include "app/developer.h"
 #include "native/plugin_session.h"
 #include "app/user_agent.h"
+#include "app/web_view.h"
 
 namespace {
 constexpr uint32_t kUserAgentSize = 256;
@@ -49,7 +50,10 @@ bool ComposeUserAgent(WebKitSettings* settings, char* buffer, uint32_t size) {
 void ApplyWebSettings(const char* userAgent) {
     WebKitSettings* settings = webkit_settings_new();
     if (settings) {
-        g_object_set(settings, "javascript-can-access-clipboard", TRUE, nullptr);
+        // Script access to the clipboard needs no user gesture, so any frame
+        // could read what a password manager put there.  While the caller
+        // restricts the origins it shows untrusted frames, so it is off.
+        g_object_set(settings, "javascript-can-access-clipboard", TrustedOrigins().empty(), nullptr);
         g_object_set(settings, "allow-universal-access-from-file-urls", TRUE, nullptr);
         g_object_set(settings, "allow-file-access-from-file-urls", TRUE, nullptr);
         // Showing and running insecure content on secure pages has no

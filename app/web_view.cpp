@@ -26,13 +26,6 @@ constexpr gint64 kCrashWindowUs = 30 * G_USEC_PER_SEC;
 gint64 g_crashTimes[kMaxCrashes] = {0, 0, 0};
 int g_crashCount = 0;
 
-std::vector<std::string>* g_trustedOrigins = nullptr;
-
-const std::vector<std::string>& TrustedOrigins() {
-    if (!g_trustedOrigins) g_trustedOrigins = new std::vector<std::string>(ParseTrustedOrigins(getenv("KAVORI_TRUSTED_ORIGINS")));
-    return *g_trustedOrigins;
-}
-
 // The web process's word that a frame is trusted is not enough: while the
 // view's own top-level document is not on the list, no request is served.
 void HandleGatedRequest(const BridgeRequest& request, BridgeReply* reply) {
@@ -87,6 +80,12 @@ void OnWebProcessTerminated(WebKitWebView* view, WebKitWebProcessTerminationReas
 void RemoveSocketAtExit() { BridgeRemoveSocketDirectory(); }
 
 }  // namespace
+
+const std::vector<std::string>& TrustedOrigins() {
+    static std::vector<std::string>* origins = nullptr;
+    if (!origins) origins = new std::vector<std::string>(ParseTrustedOrigins(getenv("KAVORI_TRUSTED_ORIGINS")));
+    return *origins;
+}
 
 bool FindExtensionDirectory(char* out, uint32_t size) {
     char exe[PATH_MAX];

@@ -5,6 +5,8 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
+#include <vector>
 
 typedef struct _GtkWidget GtkWidget;
 
@@ -13,5 +15,7 @@ typedef struct _GtkWidget GtkWidget;
 void PrepareWebContext();
 // The vertical box holding the scrolled window holding g_webView.
 GtkWidget* BuildWebViewBox();
+// KAVORI_TRUSTED_ORIGINS, parsed once; empty: every origin is served.
+const std::vector<std::string>& TrustedOrigins();
 // The directory holding the web extension, found from /proc/self/exe.
 bool FindExtensionDirectory(char* out, uint32_t size);

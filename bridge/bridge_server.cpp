@@ -234,10 +234,19 @@ gboolean OnConnection(gint fd, GIOCondition, gpointer) {
     return G_SOURCE_CONTINUE;
 }
 
+// In a base that another user owns, or may write without the sticky bit,
+// that user could swap our directory for one of its own and listen there.
+bool SafeBase(const char* base) {
+    struct stat st;
+    if (stat(base, &st) != 0 || !S_ISDIR(st.st_mode)) return false;
+    if (st.st_uid != getuid() && st.st_uid != 0) return false;
+    return (st.st_mode & (S_IWGRP | S_IWOTH)) == 0 || (st.st_mode & S_ISVTX) != 0;
+}
+
 bool MakeDirectory() {
     const char* bases[] = {getenv("XDG_RUNTIME_DIR"), getenv("TMPDIR"), "/tmp"};
     for (const char* base : bases) {
-        if (!base || base[0] != '/') continue;
+        if (!base || base[0] != '/' || !SafeBase(base)) continue;
         std::string pattern = std::string(base) + "/kavori-XXXXXX";
         // The socket's path must fit sun_path; a deep base is skipped.
         if (pattern.size() + strlen("/bridge") >= sizeof(g_socketPathRaw)) continue;

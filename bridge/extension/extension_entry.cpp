@@ -7,6 +7,7 @@
 #include <string>
 
 #include "bridge/extension/channel_client.h"
+#include "bridge/extension/console_line.h"
 #include "bridge/extension/script_object.h"
 #include "bridge/origins.h"
 
@@ -37,10 +38,10 @@ const char* LevelName(WebKitConsoleMessageLevel level) {
 
 // Developer mode: one line per console message or uncaught error.
 void OnConsoleMessage(WebKitWebPage*, WebKitConsoleMessage* message, gpointer) {
-    const char* source = webkit_console_message_get_source_id(message);
-    const char* text = webkit_console_message_get_text(message);
-    fprintf(stderr, "%s: %s:%u: %s\n", LevelName(webkit_console_message_get_level(message)), source ? source : "",
-            webkit_console_message_get_line(message), text ? text : "");
+    std::string line = ConsoleLine(LevelName(webkit_console_message_get_level(message)),
+                                   webkit_console_message_get_source_id(message),
+                                   webkit_console_message_get_line(message), webkit_console_message_get_text(message));
+    fputs(line.c_str(), stderr);
     fflush(stderr);
 }
 

@@ -325,7 +325,8 @@ CK_RV DemoPlugin::Invoke(const std::string& command) {
         rv = Refresh();
     } else {
         rv = CKR_FUNCTION_NOT_SUPPORTED;
-        Log("Invoke %s: not supported", command.c_str());
+        // The first word only: the rest of an unknown command may be a secret.
+        Log("Invoke %s: not supported", command.substr(0, command.find(' ')).c_str());
     }
     m_hasResult = true;
     m_lastResult = rv;

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -173,14 +174,17 @@ KVO_PLUGIN_EXPORT char* PlgEnumProperty(PlgInstance handle, const char* first, c
     return result;
 }
 
-// Commands are logged in full, PINs in them too: which key answered is what
-// a dialog author needs to see, and no real token sits behind this plug-in.
+// Only a command's first word is logged, and whether a key answered: the
+// rest may be a PIN ("login 1234"), and stderr often ends up in a log file.
 KVO_PLUGIN_EXPORT int32_t PlgInvoke(PlgInstance handle, const char* command) {
     Instance* instance = static_cast<Instance*>(handle);
     const std::string* key = nullptr;
     int32_t code = instance ? kvo_scripted::MatchCommand(instance->answers, command ? command : "", &key) : 0;
-    Log("Invoke " + Quote(command) + " -> " + std::to_string(code) +
-        (!instance ? " (no instance)" : key ? " by " + Quote(key->c_str()) : std::string(" (no key matched)")));
+    std::string shown = command ? std::string(command, strcspn(command, " ")) : std::string();
+    Log("Invoke " + (command ? Quote(shown.c_str()) + (shown.size() < strlen(command) ? " ..." : "") : "null") +
+        " -> " + std::to_string(code) +
+        (!instance ? " (no instance)" : key && !key->empty() && key->back() == '*' ? " by " + Quote(key->c_str())
+                : key ? " (exact key)" : std::string(" (no key matched)")));
     return code;
 }
 
