@@ -45,6 +45,27 @@ void OnInitializeWebExtensions(WebKitWebContext* context, gpointer) {
     webkit_web_context_set_web_extensions_initialization_user_data(context, MakeStartupData(data));
 }
 
+// A document served with a sandboxing Content-Security-Policy gets an
+// opaque origin whatever its URL, so its URL's origin proves nothing.
+bool SandboxedByPolicy(WebKitURIResponse* response) {
+    SoupMessageHeaders* headers = response ? webkit_uri_response_get_http_headers(response) : nullptr;
+    const char* policy = headers ? soup_message_headers_get_list(headers, "Content-Security-Policy") : nullptr;
+    bool sandboxed = false;
+    gchar** directives = g_strsplit_set(policy ? policy : "", ";,", -1);
+    for (gchar** directive = directives; *directive && !sandboxed; ++directive) {
+        gchar** words = g_strsplit_set(g_strstrip(*directive), " \t", -1);
+        if (words[0] && g_ascii_strcasecmp(words[0], "sandbox") == 0) {
+            sandboxed = true;
+            for (gchar** word = words + 1; *word; ++word) {
+                if (g_ascii_strcasecmp(*word, "allow-same-origin") == 0) sandboxed = false;
+            }
+        }
+        g_strfreev(words);
+    }
+    g_strfreev(directives);
+    return sandboxed;
+}
+
 // While the origins are restricted, new windows never open, and the main
 // frame's document is only taken from a listed origin.  Navigation
 // decisions look the same for sub-frames and the main frame; the response
@@ -59,8 +80,10 @@ gboolean OnDecidePolicy(WebKitWebView*, WebKitPolicyDecision* decision, WebKitPo
     WebKitResponsePolicyDecision* response = WEBKIT_RESPONSE_POLICY_DECISION(decision);
     if (!webkit_response_policy_decision_is_main_frame_main_resource(response)) return FALSE;
     const char* uri = webkit_uri_request_get_uri(webkit_response_policy_decision_get_request(response));
-    if (OriginTrusted(TrustedOrigins(), uri)) return FALSE;
-    fprintf(stderr, "kavori-host: refused navigation to %s: origin not in KAVORI_TRUSTED_ORIGINS\n", uri ? uri : "");
+    if (OriginTrusted(TrustedOrigins(), uri) && !SandboxedByPolicy(webkit_response_policy_decision_get_response(response))) {
+        return FALSE;
+    }
+    fprintf(stderr, "kavori-host: refused navigation to %s: its origin is not in KAVORI_TRUSTED_ORIGINS, or is sandboxed\n", uri ? uri : "");
     webkit_policy_decision_ignore(decision);
     return TRUE;
 }

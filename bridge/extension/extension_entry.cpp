@@ -9,21 +9,19 @@
 #include "bridge/extension/channel_client.h"
 #include "bridge/extension/console_line.h"
 #include "bridge/extension/script_object.h"
-#include "bridge/origins.h"
 
 namespace {
 
 StartupData* g_startup = nullptr;
 
 void OnWindowObjectCleared(WebKitScriptWorld* world, WebKitWebPage*, WebKitFrame* frame, gpointer) {
-    if (!OriginTrusted(g_startup->trustedOrigins, webkit_frame_get_uri(frame))) return;
     // The JavaScriptCore C API keeps the class table and function callbacks
     // that the script object is made of; its frame accessor is deprecated
     // in favour of the GObject wrapper, which has no static-function classes.
     G_GNUC_BEGIN_IGNORE_DEPRECATIONS
     JSGlobalContextRef context = webkit_frame_get_javascript_context_for_script_world(frame, world);
     G_GNUC_END_IGNORE_DEPRECATIONS
-    if (context) InstallScriptObject(context);
+    if (context && DocumentTrusted(context, g_startup->trustedOrigins)) InstallScriptObject(context);
 }
 
 const char* LevelName(WebKitConsoleMessageLevel level) {

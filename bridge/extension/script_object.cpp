@@ -3,8 +3,10 @@
 #include <glib.h>
 
 #include <cmath>
+#include <cstring>
 
 #include "bridge/extension/channel_client.h"
+#include "bridge/origins.h"
 
 namespace {
 
@@ -174,4 +176,22 @@ void InstallScriptObject(JSGlobalContextRef context) {
     JSStringRef name = JSStringCreateWithUTF8CString("Kavori");
     JSObjectSetProperty(context, JSContextGetGlobalObject(context), name, object, kJSPropertyAttributeNone, nullptr);
     JSStringRelease(name);
+}
+
+bool DocumentTrusted(JSGlobalContextRef context, const std::vector<std::string>& trusted) {
+    if (trusted.empty()) return true;
+    JSStringRef script = JSStringCreateWithUTF8CString(
+        "[self.origin].concat(Array.prototype.slice.call(location.ancestorOrigins || [])).join('\\n')");
+    JSValueRef exception = nullptr;
+    JSValueRef value = JSEvaluateScript(context, script, nullptr, nullptr, 0, &exception);
+    JSStringRelease(script);
+    char* origins = value && !exception ? CopyScriptString(context, value) : nullptr;
+    if (!origins) return false;
+    int checked = 0;
+    bool all = true;
+    for (char* origin = strtok(origins, "\n"); origin && all; origin = strtok(nullptr, "\n"), ++checked) {
+        all = OriginTrusted(trusted, origin);
+    }
+    FreeScriptString(origins);
+    return all && checked > 0;
 }

@@ -6,6 +6,9 @@
 
 #include <JavaScriptCore/JavaScript.h>
 
+#include <string>
+#include <vector>
+
 #include "bridge/channel.h"
 
 typedef bool (*ScriptTransport)(const BridgeRequest& request, BridgeReply* reply);
@@ -15,6 +18,14 @@ void SetScriptTransport(ScriptTransport transport);
 
 // Publishes a fresh Kavori object on the context's global object.
 void InstallScriptObject(JSGlobalContextRef context);
+
+// Whether a document may see Kavori: with an empty list every document;
+// otherwise only when its own security origin and every ancestor's are on
+// the list.  The origins are the engine's, read before the document's own
+// script runs: a sandboxed frame or a page served with a sandboxing
+// Content-Security-Policy has the opaque origin "null" and is never
+// trusted, whatever its URL says.
+bool DocumentTrusted(JSGlobalContextRef context, const std::vector<std::string>& trusted);
 
 // A string value as a new NUL-terminated UTF-8 copy (array new); anything
 // else gives null.  A string with an embedded NUL is cut there.
