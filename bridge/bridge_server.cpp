@@ -38,6 +38,7 @@ std::string* g_directory = nullptr;
 std::string* g_socketPath = nullptr;
 std::string* g_token = nullptr;
 std::vector<Connection*>* g_connections = nullptr;
+uint32_t g_helloSize = 0;  // the body of a hello with a token
 char g_socketPathRaw[sizeof(sockaddr_un::sun_path)];
 char g_directoryRaw[sizeof(sockaddr_un::sun_path)];
 
@@ -92,7 +93,9 @@ bool ProcessFrames(Connection* connection) {
         size_t available = connection->in.size() - offset;
         if (available < kFrameHeaderSize) break;
         uint32_t length = ReadFrameLength(connection->in.data() + offset);
-        if (length == 0 || length > kMaxFrameSize) {
+        // Before the token is shown nothing longer than a hello is read, so
+        // a peer without it cannot make the host hold a large frame.
+        if (length == 0 || length > (connection->authenticated ? kMaxFrameSize : g_helloSize)) {
             ok = false;
             break;
         }
@@ -271,6 +274,9 @@ bool BridgeServerStart(BridgeHandler handler) {
         g_connections = new std::vector<Connection*>;
     }
     if (getrandom(&(*g_token)[0], kTokenSize, 0) != static_cast<ssize_t>(kTokenSize)) return false;
+    BridgeRequest hello;
+    hello.text[0] = *g_token;
+    g_helloSize = static_cast<uint32_t>(EncodeRequest(hello).size() - kFrameHeaderSize);
     if (!MakeDirectory()) return false;
     *g_socketPath = *g_directory + "/bridge";
     snprintf(g_directoryRaw, sizeof g_directoryRaw, "%s", g_directory->c_str());
