@@ -42,6 +42,7 @@ void OnInitializeWebExtensions(WebKitWebContext* context, gpointer) {
     BridgeFillStartupData(&data);
     data.flags = DeveloperMode() ? uint32_t(STARTUP_DEVELOPER) : 0u;
     data.trustedOrigins = TrustedOrigins();
+    data.hostPid = static_cast<uint32_t>(getpid());
     webkit_web_context_set_web_extensions_initialization_user_data(context, MakeStartupData(data));
 }
 

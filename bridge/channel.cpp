@@ -7,7 +7,7 @@
 namespace {
 
 // Socket path, token, flags, trusted origins.
-constexpr const char* kStartupType = "(ayayuas)";
+constexpr const char* kStartupType = "(ayayuasu)";
 
 }  // namespace
 
@@ -167,10 +167,10 @@ GVariant* MakeStartupData(const StartupData& data) {
     for (const std::string& origin : data.trustedOrigins) {
         if (g_utf8_validate(origin.c_str(), -1, nullptr)) g_variant_builder_add(&origins, "s", origin.c_str());
     }
-    return g_variant_new("(@ay@ayuas)",
+    return g_variant_new("(@ay@ayuasu)",
                          g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, data.socketPath.data(), data.socketPath.size(), 1),
                          g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, data.token.data(), data.token.size(), 1),
-                         data.flags, &origins);
+                         data.flags, &origins, data.hostPid);
 }
 
 bool ParseStartupData(GVariant* variant, StartupData* data) {
@@ -184,6 +184,7 @@ bool ParseStartupData(GVariant* variant, StartupData* data) {
     data->socketPath.assign(static_cast<const char*>(pathData), pathSize);
     data->token.assign(static_cast<const char*>(tokenData), tokenSize);
     g_variant_get_child(variant, 2, "u", &data->flags);
+    g_variant_get_child(variant, 4, "u", &data->hostPid);
     data->trustedOrigins.clear();
     gsize count = g_variant_n_children(origins);
     for (gsize i = 0; i < count; ++i) {

@@ -61,6 +61,7 @@ struct StartupData {
     std::string token;
     uint32_t flags = 0;
     std::vector<std::string> trustedOrigins;
+    uint32_t hostPid = 0;  // who must be listening; 0: not known to the web process
 };
 typedef struct _GVariant GVariant;
 GVariant* MakeStartupData(const StartupData& data);

@@ -11,6 +11,7 @@ namespace {
 
 std::string* g_socketPath = nullptr;
 std::string* g_token = nullptr;
+uint32_t g_hostPid = 0;
 int g_fd = -1;
 bool g_lost = false;
 
@@ -53,6 +54,12 @@ bool Connect() {
     g_fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (g_fd < 0) return false;
     if (connect(g_fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) return false;
+    struct ucred peer;
+    socklen_t length = sizeof peer;
+    if (getsockopt(g_fd, SOL_SOCKET, SO_PEERCRED, &peer, &length) != 0 || peer.uid != getuid() ||
+        (g_hostPid != 0 && peer.pid != static_cast<pid_t>(g_hostPid))) {
+        return false;
+    }
     BridgeRequest hello;
     hello.op = BRIDGE_HELLO;
     hello.text[0] = *g_token;
@@ -62,7 +69,8 @@ bool Connect() {
 
 }  // namespace
 
-void ChannelConfigure(const std::string& socketPath, const std::string& token) {
+void ChannelConfigure(const std::string& socketPath, const std::string& token, uint32_t hostPid) {
+    g_hostPid = hostPid;
     if (!g_socketPath) {
         g_socketPath = new std::string;
         g_token = new std::string;

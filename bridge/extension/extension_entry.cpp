@@ -56,7 +56,7 @@ extern "C" __attribute__((visibility("default"))) void webkit_web_extension_init
     g_startup = new StartupData;
     // Without usable start-up data every call gives its default result.
     if (ParseStartupData(data, g_startup)) {
-        ChannelConfigure(g_startup->socketPath, g_startup->token);
+        ChannelConfigure(g_startup->socketPath, g_startup->token, g_startup->hostPid);
     } else {
         g_startup->trustedOrigins.clear();
     }
