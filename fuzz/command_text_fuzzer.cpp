@@ -1,106 +1,61 @@
-// The configured command text and start-URL prefix come from the plug-in:
 // SplitCommandText, JoinArgumentVectors, RedirectCommandLine and
-// ResolveStartUrl on any text.  Input: the configured text, NUL, the start
-// URL, NUL, then the received arguments (NUL-separated).
-#include <cstring>
-
-#include "app/paths.h"
+// ResolveStartUrl on the plug-in's configuration and the received arguments.
+// Input, NUL-separated: command text, start URL, URL prefix, arguments.
 #include "app/start_url.h"
-#include "bridge/forwarding.h"
 #include "fuzz_check.h"
+#include "native/plugin_session.h"
 
 // The plug-in as start_url.cpp sees it: answers from the current input.
-namespace {
-std::string g_commandText;
-std::string g_prefix;
-int g_ready;
-}  // namespace
-
-void* GetReadyHandle() { return &g_ready; }
+static std::string g_commandText, g_prefix;
+void* GetReadyHandle() { return &g_commandText; }
 const char* PluginGetProperty(void*, const char* name) {
-    if (strcmp(name, "ConfigGlobal:Command:App") == 0) return g_commandText.c_str();
-    if (strcmp(name, "ConfigGlobal:Dialog:PathResource") == 0) return g_prefix.c_str();
-    return nullptr;
+    return strcmp(name, "ConfigGlobal:Command:App") == 0 ? g_commandText.c_str() : g_prefix.c_str();
 }
 
-namespace {
-
-// The words as documented: blanks separate, a word that begins with a
-// double quote runs to the next one (or the end) and may hold blanks;
-// blanks alone give one empty word, the empty text none.
-std::vector<std::string> ExpectedWords(const std::string& text) {
-    std::vector<std::string> words;
-    if (text.empty()) return words;
+// Blanks separate; a word that begins with '"' runs to the next '"' (or the
+// end) and may hold blanks; blanks alone give one empty word.
+static std::vector<std::string> ExpectedWords(const std::string& text) {
     size_t at = text.find_first_not_of(' ');
-    if (at == std::string::npos) at = text.size();
-    do {
-        size_t end;
-        if (at < text.size() && text[at] == '"') {
-            end = text.find('"', at + 1);
-            if (end == std::string::npos) end = text.size();
-            words.push_back(text.substr(at + 1, end - at - 1));
-            if (end < text.size()) ++end;
-        } else {
-            end = text.find(' ', at);
-            if (end == std::string::npos) end = text.size();
-            words.push_back(text.substr(at, end - at));
-        }
-        at = text.find_first_not_of(' ', end);
-        if (at == std::string::npos) at = text.size();
-    } while (at < text.size());
+    std::vector<std::string> words(at == std::string::npos && !text.empty() ? 1 : 0);
+    while (at != std::string::npos) {
+        size_t quoted = text[at] == '"';
+        size_t end = std::min(text.find(quoted ? '"' : ' ', at + quoted), text.size());
+        words.push_back(text.substr(at + quoted, end - at - quoted));
+        at = text.find_first_not_of(' ', end + quoted);
+    }
     return words;
 }
 
-size_t Length(char** vector) {
-    size_t n = 0;
-    while (vector[n]) ++n;
-    return n;
+// The entries up to the null one; the vector is freed.
+static std::vector<std::string> Take(char** vector) {
+    std::vector<std::string> entries;
+    for (char** entry = vector; entry && *entry; ++entry) entries.emplace_back(*entry);
+    FreeArgumentVector(vector);
+    return entries;
 }
 
-}  // namespace
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    std::vector<std::string> pieces = SplitAtNul(data, size);
+    std::vector<std::string> pieces = SplitAtNul(data, size, 3);
     g_commandText = pieces[0];
-    std::string url = pieces.size() > 1 ? pieces[1] : std::string();
-    g_prefix = pieces.size() > 2 ? pieces[2] : std::string();
-    std::vector<std::string> received(pieces.begin() + (pieces.size() > 3 ? 3 : pieces.size()), pieces.end());
-
-    int32_t count = -1;
-    char** words = SplitCommandText(g_commandText.c_str(), &count);
-    std::vector<std::string> expected = ExpectedWords(g_commandText);
-    FUZZ_CHECK(count == static_cast<int32_t>(expected.size()));
-    FUZZ_CHECK(words[count] == nullptr);
-    for (int32_t i = 0; i < count; ++i) FUZZ_CHECK(expected[static_cast<size_t>(i)] == words[i]);
-
+    g_prefix = pieces[2];
     std::vector<char*> argv;
-    for (std::string& r : received) argv.push_back(&r[0]);
-    int32_t argc = static_cast<int32_t>(argv.size());
-    char** joined = JoinArgumentVectors(argv.data(), argc, words, count);
-    FUZZ_CHECK(Length(joined) == argv.size() + static_cast<size_t>(count));
-    for (int32_t i = 0; i < argc; ++i) FUZZ_CHECK(received[static_cast<size_t>(i)] == joined[i]);
-    for (int32_t i = 0; i < count; ++i) FUZZ_CHECK(expected[static_cast<size_t>(i)] == joined[argc + i]);
-    FreeArgumentVector(joined);
-    FreeArgumentVector(words);
+    for (size_t i = 3; i < pieces.size(); ++i) argv.push_back(&pieces[i][0]);
+    int32_t argc = static_cast<int32_t>(argv.size()), count = -1;
+    std::vector<std::string> words = ExpectedWords(g_commandText), all(pieces.begin() + 3, pieces.end());
+    all.insert(all.end(), words.begin(), words.end());
 
-    // The same through the host's own road, with the count it works with.
-    int32_t redirectedCount = argc;
-    char** redirected = RedirectCommandLine(argv.data(), &redirectedCount);
-    if (g_commandText.empty()) {
-        FUZZ_CHECK(redirected == nullptr && redirectedCount == argc);
-    } else {
-        FUZZ_CHECK(redirected != nullptr);
-        FUZZ_CHECK(redirectedCount == argc + static_cast<int32_t>(expected.size()));
-        FUZZ_CHECK(Length(redirected) == static_cast<size_t>(redirectedCount));
-        FreeArgumentVector(redirected);
-    }
+    char** split = SplitCommandText(g_commandText.c_str(), &count);
+    FUZZ_CHECK(Take(JoinArgumentVectors(argv.data(), argc, split, count)) == all);
+    FUZZ_CHECK(count == static_cast<int32_t>(words.size()) && Take(split) == words);
+    // Nothing configured: nothing added and the count unchanged.
+    int32_t redirected = argc;
+    FUZZ_CHECK(Take(RedirectCommandLine(argv.data(), &redirected)) == (words.empty() ? words : all));
+    FUZZ_CHECK(redirected == (words.empty() ? argc : static_cast<int32_t>(all.size())));
 
+    const std::string& url = pieces[1];
+    bool kept = url.find("://") != std::string::npos || g_prefix.empty();
     const char* resolved = ResolveStartUrl(url.c_str());
-    if (url.find("://") != std::string::npos || g_prefix.empty()) {
-        FUZZ_CHECK(resolved == url.c_str());
-    } else {
-        FUZZ_CHECK(g_prefix + url == resolved);
-        delete[] resolved;  // the host keeps it for the run; here it would pile up
-    }
+    FUZZ_CHECK(kept ? resolved == url.c_str() : g_prefix + url == resolved);
+    if (!kept) delete[] resolved;  // the host keeps it for the run; here it would pile up
     return 0;
 }

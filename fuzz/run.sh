@@ -11,7 +11,7 @@ seconds=${1:-10}
 shift || true
 build=${KAVORI_FUZZ_BUILD:-build-fuzz}
 jobs=${JOBS:-1}
-all=(options command_text parameters user_agent os_description channel_codec bridge_server channel_client origins)
+all=(options command_text bridge channel_client origins)
 names=("$@")
 [ ${#names[@]} -eq 0 ] && names=("${all[@]}")
 
