@@ -1,0 +1,302 @@
+// The application shell's units, without a window.  What it reads from the
+// installation's places comes from HOME and from system places moved below
+// a directory of the test.
+#include <gtest/gtest.h>
+#include <gtk/gtk.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstring>
+#include <memory>
+
+#include "app/app_commands.h"
+#include "app/geometry.h"
+#include "app/host_state.h"
+#include "app/launch.h"
+#include "app/options.h"
+#include "app/paths.h"
+#include "app/result_store.h"
+#include "app/start_url.h"
+#include "app/user_agent.h"
+#include "native/plugin_session.h"
+#include "native/system_places.h"
+#include "tests/support/support.h"
+
+using namespace kvotest;
+using Words = std::vector<std::string>;
+
+namespace {
+
+struct Argv {  // a process's vector, owning its texts
+    Words text;
+    std::vector<char*> pointers;
+    explicit Argv(Words words) : text(std::move(words)) {
+        for (std::string& word : text) pointers.push_back(&word[0]);
+        pointers.push_back(nullptr);
+    }
+    int32_t argc() const { return int32_t(text.size()); }
+    char** argv() { return pointers.data(); }
+};
+void SaveArgs(const Words& words) {  // as the entry point does
+    FreeArgumentVector(g_argv);
+    Argv args(words);
+    SaveCommandLine(args.argc(), args.argv());
+}
+char* Copy(const char* text) { return text ? strcpy(new char[strlen(text) + 1], text) : nullptr; }
+
+TEST(Options, FirstExactMatchAfterIndexZeroAndNoValueBeginsWithADash) {
+    Argv args({"-title", "-Title", "X", "-url", "", "-icon", "-center", "-store", "A", "-store", "B", "-wait", "-5",
+               "-size", "0x0BB8", "-key"});
+    struct { const char* name; int found; const char* value; } rows[] = {
+        {"-title", 0, nullptr}, {"-url", 1, ""}, {"-icon", 1, ""}, {"-store", 1, "A"}, {"-key", 1, ""}, {"-Center", 0, nullptr}};
+    for (const auto& r : rows) {
+        const char* value = "stale";
+        EXPECT_EQ(FindOptionValue(args.argc(), args.argv(), r.name, &value), r.found) << r.name;
+        EXPECT_STREQ(value, r.value) << r.name;
+    }
+    struct { const char* name; int found; uint32_t number; } numbers[] = {{"-wait", 1, 0}, {"-size", 1, 3000}, {"-center", 1, 0}, {"-x", 0, 7}};
+    for (const auto& r : numbers) {
+        uint32_t number = 7;
+        EXPECT_EQ(FindOptionNumber(args.argc(), args.argv(), r.name, &number), r.found) << r.name;
+        EXPECT_EQ(number, r.number) << r.name;
+    }
+    EXPECT_EQ(HasOption(args.argc(), args.argv(), "-center") + HasOption(args.argc(), args.argv(), "-Center"), 1);
+    std::pair<const char*, uint32_t> texts[] = {{"0X0BB8", 0}, {"12abc", 12}, {"+5", 5}, {"abc", 0}, {"0x", 0}, {"-1", 0xFFFFFFFF},
+        {"4294967297", 1}, {"0xFFFFFFFF", 0xFFFFFFFF}, {"0x123456789", 0x23456789}, {"0xa", 42}};
+    for (const auto& t : texts) EXPECT_EQ(ParseNumber(t.first), t.second) << t.first;
+}
+
+TEST(Geometry, SizeCenterPositionAndFullscreen) {
+    struct { Words args; int32_t width, height, x, y; } rows[] = {{{}, 256, 384, 0, 0},
+        {{"-size", "0x01000200"}, 256, 482, 0, 0}, {{"-size", "0x0100001F"}, 256, 1, 0, 0}, {{"-size"}, 0, 1, 0, 0},
+        {{"-center"}, 256, 384, 512, 320}, {{"-center", "-size", "0x07D00212"}, 2000, 500, 0, 262},
+        {{"-position", "0x00640032", "-center"}, 256, 384, 512, 320}, {{"-position", "0x00640032"}, 256, 384, 100, 50},
+        {{"-position", "0x80648032"}, 256, 384, 1280 - 256 - 100, 1024 - 384 - 50},  // from the right and bottom
+        {{"-fullscreen", "-size", "0x01000200", "-position", "0x00640032"}, 1280, 1024, 0, 0}};
+    for (auto& r : rows) {
+        r.args.insert(r.args.begin(), "host");
+        Argv args(r.args);
+        WindowGeometry g = ComputeWindowGeometry(args.argc(), args.argv(), 1280, 1024);
+        EXPECT_EQ((std::vector<int32_t>{g.width, g.height, g.x, g.y}), (std::vector<int32_t>{r.width, r.height, r.x, r.y}))
+            << testing::PrintToString(r.args);
+    }
+}
+
+TEST(CommandText, BlanksSeparateQuotesGroupWithoutEscapesAndVectorsJoin) {
+    std::pair<const char*, Words> rows[] = {{"-url a.html -title \"Two words\"", {"-url", "a.html", "-title", "Two words"}},
+        {"   a    b   ", {"a", "b"}}, {"a\tb c", {"a\tb", "c"}}, {"\"a\\\" b", {"a\\", "b"}}, {"a\"b \"\"", {"a\"b", ""}},
+        {"-title \"open end ", {"-title", "open end "}}, {"", {}}, {nullptr, {}}, {"   ", {""}}};
+    for (const auto& r : rows) {
+        int32_t count = -1;
+        char** words = SplitCommandText(r.first, &count);
+        EXPECT_EQ(Words(words, words + count), r.second) << (r.first ? r.first : "(null)");
+        EXPECT_EQ(words[count], nullptr);
+        FreeArgumentVector(words);
+    }
+    char* first[] = {(char*)"a", nullptr, (char*)"c"};
+    char** joined = JoinArgumentVectors(first, 3, first, -1);  // a null inside the count becomes ""
+    EXPECT_EQ(Words(joined, joined + 3), (Words{"a", "", "c"}));
+    EXPECT_EQ(joined[3], nullptr);
+    FreeArgumentVector(joined);
+}
+
+TEST(StartUrl, PrefixAndRedirectionFromThePluginAndLocalFilesAsFileUrls) {
+    TempDir dir;
+    ConfigurePluginSession((FixtureDir() + "/plugins/recording").c_str(), nullptr);
+    setenv("KVO_TEST_ANSWERS", dir.file("answers").c_str(), 1);
+    Argv received({"host", "-title", "Real", "-store"});
+    int32_t count = received.argc();
+    const char* url = "index.html";
+    EXPECT_EQ(ResolveStartUrl(url), url);  // nothing configured
+    EXPECT_EQ(RedirectCommandLine(received.argv(), &count), nullptr);
+    WriteFile(dir.file("answers"), "ConfigGlobal:Dialog:PathResource\tfile:///kvo/\nConfigGlobal:Command:App\tout -title \"A b\"\n");
+    for (const char* kept : {"https://example.org/a", "a.html?next=http://x", (const char*)nullptr}) EXPECT_EQ(ResolveStartUrl(kept), kept);
+    std::unique_ptr<const char[]> resolved(ResolveStartUrl(url));
+    EXPECT_STREQ(resolved.get(), "file:///kvo/index.html");
+    char** argv = RedirectCommandLine(received.argv(), &count);  // the real words first: they win
+    EXPECT_EQ(Words(argv, argv + count), (Words{"host", "-title", "Real", "-store", "out", "-title", "A b"}));
+    FreeArgumentVector(argv);
+    ASSERT_EQ(chdir(dir.path().c_str()), 0);
+    PutFile(dir.file("folder/page.html"), "");
+    for (const char* kept : {"missing.html", "folder", "http://x/folder/page.html", ""}) EXPECT_EQ(FileUrlForLocalPath(kept), kept);
+    std::unique_ptr<const char[]> fileUrl(FileUrlForLocalPath("folder/page.html"));
+    EXPECT_EQ(fileUrl.get(), "file://" + dir.path() + "/folder/page.html");
+}
+
+TEST(Result, SuccessWordsGiveWayToTheSuccessTextAndTheFileHoldsExactlyTheText) {
+    struct { const char *result, *successText, *text; } rows[] = {{nullptr, nullptr, "OK"}, {"", "", "OK"},
+        {nullptr, "done", "done"}, {"OK", "done", "done"}, {"CKR_OK", "done", "done"}, {"CKR_OK", "", "CKR_OK"},
+        {"CKR_PIN_INCORRECT", "done", "CKR_PIN_INCORRECT"}, {"ok", "done", "ok"}, {"OK ", "done", "OK "}};
+    for (const auto& r : rows) {
+        ReleaseExitTexts();
+        g_exitResult = Copy(r.result);
+        g_exitSuccessText = Copy(r.successText);
+        EXPECT_STREQ(ResultText(), r.text) << (r.result ? r.result : "-") << "/" << (r.successText ? r.successText : "-");
+    }
+    TempDir dir;
+    WriteFile(dir.file("result"), "an older and longer content\n");
+    g_exitResult = Copy("Gr\xc3\xbc\xc3\x9f" "e");
+    StoreResult(dir.file("result").c_str());
+    ReleaseExitTexts();
+    EXPECT_EQ(ReadFileOr(dir.file("result")), "Gr\xc3\xbc\xc3\x9f" "e");
+}
+
+TEST(AppCommands, PackedSizesFromScriptNumbers) {
+    std::pair<double, uint32_t> rows[] = {{NAN, 0}, {INFINITY, 0}, {0x032001E0, 0x032001E0}, {-1, 0xFFFFFFFF}, {1.9, 1},
+        {-1.9, 0xFFFFFFFF}, {4294967301.0, 5}, {9223372036854775807.0, 0}, {-9223372036854775808.0, 0},
+        {9223372036854774784.0, 0xFFFFFC00}, {1e300, 0}};
+    for (const auto& r : rows) EXPECT_EQ(PackedSizeFromNumber(r.first), r.second) << r.first;
+}
+
+// exit and restart show without a window: in the exit texts, and in a
+// process that goes away for its successor.  resize and reload act on the
+// window alone (the end-to-end pages show them).
+TEST(AppCommands, NamesIgnoreLetterCaseButNotBlanks) {
+    std::pair<const char*, bool> exits[] = {{"exit", 1}, {"ExIt", 1}, {"exit ", 0}, {" EXIT", 0}, {"exits", 0}};
+    for (const auto& r : exits) {
+        ReleaseExitTexts();
+        g_idle_add(+[](gpointer command) {
+            RunApplicationCommand(static_cast<const char*>(command), 3, "r", "s", NAN);
+            gtk_main_quit();
+            return G_SOURCE_REMOVE;
+        }, (gpointer)r.first);
+        gtk_main();
+        EXPECT_STREQ(g_exitResult, r.second ? "r" : nullptr) << r.first;
+    }
+    SaveArgs({"true"});
+    strcpy(g_ownProgram, "/bin/true");  // not this test program again
+    std::pair<const char*, bool> restarts[] = {{"restart", 1}, {"RESTART", 1}, {"restart ", 0}, {"reStart\t", 0}};
+    for (const auto& r : restarts) {
+        pid_t child = fork();
+        if (child == 0) RunApplicationCommand(r.first, 1, nullptr, nullptr, NAN), _exit(3);  // 3: still here
+        int status = -1;
+        waitpid(child, &status, 0);
+        EXPECT_EQ(WEXITSTATUS(status), r.second ? 0 : 3) << r.first;
+    }
+}
+
+struct Places : testing::Test {
+    TempDir root;
+    const std::string home = getenv("HOME"), system = root.path();
+    void SetUp() override { ASSERT_TRUE(MoveSystemPlacesForTests(system.c_str())); }
+    std::string Found(bool (*find)(char*, uint32_t), uint32_t size = 256) {
+        char out[256];
+        bool found = find(out, size);
+        EXPECT_TRUE(!found || out[0] != '\0');
+        return found ? out : "";
+    }
+    // A script that notes its path, its arguments and whether it leads a session of its own.
+    void Probe(const std::string& path) {
+        PutFile(path, "#!/bin/sh\nread pid comm state ppid pgrp sid rest < /proc/$$/stat\n[ $pid = $sid ] && s=own || "
+                      "s=shared\necho $0 $* $s >> " + root.file("runs") + "\n", 0755);
+    }
+};
+
+TEST_F(Places, AdminProgramAndLibraryDirectoryPerUserBeforeTheSystem) {
+    EXPECT_EQ(Found(FindAdminProgram) + Found(FindInstalledLibraryDirectory), "");
+    PutFile(system + "/usr/bin/kvo", "", 0755);
+    EXPECT_EQ(Found(FindInstalledLibraryDirectory), system + "/usr/lib");
+    PutFile(home + "/.kvo/bin/kvo", "", 0755);
+    EXPECT_EQ(Found(FindAdminProgram), home + "/.kvo/bin/kvo");
+    uint32_t exact = uint32_t(home.size() + strlen("/.kvo/lib"));
+    EXPECT_EQ(Found(FindInstalledLibraryDirectory, exact), "");  // too small: nothing, not a cut path
+    EXPECT_EQ(Found(FindInstalledLibraryDirectory, exact + 1), home + "/.kvo/lib");
+}
+
+TEST_F(Places, IconBesideTheHostThenInTheRootThenHomeThenSystem) {
+    TempDir host, lib;
+    SaveArgs({host.file("kavori-host"), "-root", lib.path()});
+    const std::string icons[] = {host.file("kvo.ico"), lib.file("kvo.ico"), home + "/.kvo/kvo.ico", system + "/etc/kvo/kvo.ico"};
+    for (const std::string& icon : icons) PutFile(icon, "icon");
+    for (const std::string& icon : icons) {
+        EXPECT_EQ(Found(FindWindowIcon), icon);
+        unlink(icon.c_str());
+    }
+    EXPECT_EQ(Found(FindWindowIcon), "");
+}
+
+TEST_F(Places, LazyStartRootFromTheOptionElseTheHostsDirectory) {
+    std::pair<Words, std::string> rows[] = {{{"/kvo/bin/host", "-root", "/r"}, "/r"}, {{"/kvo/bin/host", "-root"}, ""},
+        {{"/kvo/bin/host", "-root", std::string(256, 'r')}, "/kvo/bin"}, {{"host"}, ""}};  // "": the default directory
+    for (const auto& r : rows) {
+        SaveArgs(r.first);
+        char out[256] = "junk";
+        LazyStartRoot(out, sizeof out);
+        EXPECT_EQ(out, r.second) << testing::PrintToString(r.first);
+    }
+}
+
+TEST_F(Places, ScriptsAndTheAdminProgramRunInSessionsOfTheirOwn) {
+    ASSERT_EQ(chdir(system.c_str()), 0);
+    for (const std::string& path : {home + "/.kvo/repair", system + "/etc/kvo/repair", system + "/.repair"}) Probe(path);
+    RunMaintenanceScriptWaiting("repair", true, 0, 100, 10000);  // until reaped, at most a second
+    chmod((home + "/.kvo/repair").c_str(), 0775);  // others could have changed it: not run
+    RunMaintenanceScriptWaiting("repair", true, 0, 100, 10000);
+    RunMaintenanceScriptWaiting("repair", false, 0, 100, 10000);
+    Probe(system + "/usr/bin/kvo");
+    LaunchAdminProgram();
+    for (int i = 0; i < 500 && waitpid(-1, nullptr, WNOHANG) == 0; ++i) usleep(10000);
+    EXPECT_EQ(ReadLines(root.file("runs")), (Words{home + "/.kvo/repair own", system + "/etc/kvo/repair own",
+                                                   ".repair own", system + "/usr/bin/kvo -admin own"}));
+}
+
+TEST_F(Places, TestOptionRunsOnlyTheExactScriptValues) {
+    ASSERT_EQ(chdir(system.c_str()), 0);
+    for (const std::string& path : {system + "/.install", home + "/.kvo/install", home + "/.kvo/repair", home + "/.kvo/uninstall"}) Probe(path);
+    for (const char* value : {"", "install", "script  install", "Script install", "script install ", " script repair",
+                              "script", (const char*)nullptr, "script install", "script repair", "script uninstall"}) {
+        EXPECT_EQ(RunTestOption(value), 0);
+    }
+    EXPECT_EQ(ReadLines(root.file("runs")), (Words{".install own", home + "/.kvo/repair own", home + "/.kvo/uninstall own"}));
+}
+
+TEST_F(Places, UserAgentFromWebKitsTheProductVersionAndTheSystemDescription) {
+    const std::string issue = system + "/etc/issue.net";
+    std::pair<std::string, std::string> descriptions[] = {{"Ubuntu 16.04.7 LTS\n", "Ubuntu/16.04"},
+        {"Debian GNU/Linux 9\n", "Debian GNU/Linux/9\n"}, {"Arch.Linux.x", "Arch.Linux"}, {"", ""}};
+    for (const auto& d : descriptions) {
+        PutFile(issue, d.first);
+        char buffer[256];
+        EXPECT_EQ(ReadOsDescription(buffer, sizeof buffer), !d.second.empty());
+        EXPECT_EQ(buffer, d.second);
+    }
+    const std::string ubuntu = "Ubuntu 16.04.7 LTS\n", tail = " Kavori/6.7 Ubuntu/16.04", a127(127, 'a'), a191(191, 'a');
+    struct { std::string agent, productInfo, issue; uint32_t size; std::string text; } rows[] = {  // issue "-": none
+        {"Agent", "Name;x;6.7.2,", "-", 256, "Agent Kavori/6.7"}, {"Agent", "Name;x 06070002", ubuntu, 256, ""},
+        {a127, "N;x;0607,", ubuntu, 192, a127 + tail}, {a127 + "a", "N;x;0607,", ubuntu, 192, ""},  // agent + 64 < size
+        {"A", std::string(100, 'n') + ";x;0607" + std::string(146, '0') + ",", ubuntu, 256, "A" + tail},
+        {"A", std::string(100, 'n') + ";x;0607" + std::string(147, '0') + ",", ubuntu, 256, ""},  // the name counts
+        {a191, "N;x;0607,", std::string(60, 'd'), 256, a191 + " Kavori/6.7 " + std::string(52, 'd')}};
+    for (const auto& r : rows) {
+        r.issue == "-" ? (void)unlink(issue.c_str()) : (void)PutFile(issue, r.issue);
+        std::unique_ptr<char[]> buffer(new char[r.size]());
+        std::string info = r.productInfo;
+        EXPECT_EQ(ComposeUserAgentText(r.agent.c_str(), &info[0], buffer.get(), r.size), !r.text.empty()) << r.agent;
+        EXPECT_EQ(buffer.get(), r.text) << r.productInfo;
+    }
+    char info[] = "N;x;0607,", buffer[256] = {};
+    EXPECT_FALSE(ComposeUserAgentText(nullptr, info, buffer, sizeof buffer));
+    EXPECT_FALSE(ComposeUserAgentText("Agent", nullptr, buffer, sizeof buffer));
+    EXPECT_FALSE(ComposeUserAgentText("Agent", info, nullptr, sizeof buffer));
+}
+
+TEST(UserAgent, VersionDigitsAndWhatWebKitCarries) {
+    std::pair<std::string, std::string> versions[] = {{"06070002", "6.7"}, {"12030000", "12.3"}, {"0000", "0.0"}, {"", "."},
+                                                      {"6", "6."}, {"061", "6.1"}};
+    for (const auto& v : versions) {
+        std::unique_ptr<char[]> exact(new char[v.first.size()]);  // no terminator: a read past the field overflows
+        memcpy(exact.get(), v.first.data(), v.first.size());
+        char out[16] = "v";
+        AppendVersionDigits(exact.get(), v.first.size(), out);
+        EXPECT_EQ(out, "v" + v.second) << v.first;
+    }
+    std::pair<const char*, bool> agents[] = {
+        {"Mozilla/5.0 (X11; Linux x86_64) AppleWebKit/605.1.15 (KHTML, like Gecko) Kavori/6.7 Ubuntu/16.04", 1},
+        {"A", 1}, {"A/1(c)", 1}, {"A (a (nested) \\) c)\tB", 1}, {"", 0}, {nullptr, 0}, {"(c) A", 0}, {"A/", 0},
+        {"/1", 0}, {"A ", 0}, {"A (open", 0}, {"A (c\\", 0}, {"A (c\x01)", 0}, {"Ubuntu/16.04\n", 0}, {"Caf\xc3\xa9", 0}};
+    for (const auto& a : agents) EXPECT_EQ(IsCarriedUserAgent(a.first), a.second) << (a.first ? a.first : "(null)");
+}
+
+}  // namespace
