@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "app/host_state.h"
+#include "app/options.h"
 
 namespace {
 
@@ -29,6 +30,14 @@ gboolean OnDeveloperKey(GtkWidget*, GdkEventKey* event, gpointer) {
 bool DeveloperMode() {
     const char* value = getenv("KAVORI_DEVELOPER");
     return value && strcmp(value, "1") == 0;
+}
+
+bool AutomationMode() { return DeveloperMode() && HasOption(g_argc, g_argv, "--automation"); }
+
+void DropInspectorServerUnlessAutomated() {
+    if (AutomationMode()) return;
+    unsetenv("WEBKIT_INSPECTOR_SERVER");
+    unsetenv("WEBKIT_INSPECTOR_HTTP_SERVER");
 }
 
 void ConnectDeveloperKeys(GtkWidget* window) {

@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "app/app_commands.h"
+#include "app/developer.h"
 #include "app/geometry.h"
 #include "app/host_state.h"
 #include "app/launch.h"
@@ -78,6 +79,7 @@ int main(int argc, char** argv) {
     PreloadSanitizerRuntime();
     AvoidBusAutolaunch();
     SaveCommandLine(argc, argv);
+    DropInspectorServerUnlessAutomated();
     char lazyRoot[kPathSize];
     LazyStartRoot(lazyRoot, sizeof lazyRoot);
     const char* lazyConfig = nullptr;

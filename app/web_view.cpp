@@ -101,6 +101,31 @@ void OnWebProcessTerminated(WebKitWebView* view, WebKitWebProcessTerminationReas
     if (g_startUrl) webkit_web_view_load_uri(view, g_startUrl);
 }
 
+// A WebDriver session drives the dialog's own view, so what it tests is the
+// window the options made.  The host has one window: a second browsing
+// context is refused.
+WebKitWebView* OnCreateWebView(WebKitAutomationSession*, gpointer) {
+    static bool given = false;
+    if (given) return nullptr;
+    given = true;
+    return WEBKIT_WEB_VIEW(g_webView);
+}
+
+// A session that closes its window (or ends) closes the dialog as the
+// window manager's close button would.
+void OnCloseRequested(WebKitWebView*, gpointer) {
+    if (g_mainWindow) gtk_widget_destroy(g_mainWindow);
+}
+
+// The driver matches the client's browserName against this name.
+void OnAutomationStarted(WebKitWebContext*, WebKitAutomationSession* session, gpointer) {
+    WebKitApplicationInfo* info = webkit_application_info_new();
+    webkit_application_info_set_name(info, "kavori-host");
+    webkit_automation_session_set_application_info(session, info);
+    webkit_application_info_unref(info);
+    g_signal_connect(session, "create-web-view", G_CALLBACK(OnCreateWebView), nullptr);
+}
+
 void RemoveSocketAtExit() { BridgeRemoveSocketDirectory(); }
 
 }  // namespace
@@ -131,6 +156,10 @@ void PrepareWebContext() {
         webkit_web_context_set_web_extensions_directory(context, directory);
     }
     g_signal_connect(context, "initialize-web-extensions", G_CALLBACK(OnInitializeWebExtensions), nullptr);
+    if (AutomationMode()) {
+        webkit_web_context_set_automation_allowed(context, TRUE);
+        g_signal_connect(context, "automation-started", G_CALLBACK(OnAutomationStarted), nullptr);
+    }
     atexit(RemoveSocketAtExit);
 }
 
@@ -138,9 +167,12 @@ GtkWidget* BuildWebViewBox() {
     GtkWidget* box = gtk_box_new(GTK_ORIENTATION_VERTICAL, 0);
     GtkWidget* scrolled = gtk_scrolled_window_new(nullptr, nullptr);
     gtk_scrolled_window_set_policy(GTK_SCROLLED_WINDOW(scrolled), GTK_POLICY_AUTOMATIC, GTK_POLICY_AUTOMATIC);
-    g_webView = webkit_web_view_new();
+    // WebKit hands a session only views made for automation.
+    gboolean automation = AutomationMode() ? TRUE : FALSE;
+    g_webView = GTK_WIDGET(g_object_new(WEBKIT_TYPE_WEB_VIEW, "is-controlled-by-automation", automation, nullptr));
     g_signal_connect(g_webView, "web-process-terminated", G_CALLBACK(OnWebProcessTerminated), nullptr);
     g_signal_connect(g_webView, "decide-policy", G_CALLBACK(OnDecidePolicy), nullptr);
+    if (automation) g_signal_connect(g_webView, "close", G_CALLBACK(OnCloseRequested), nullptr);
     gtk_container_add(GTK_CONTAINER(scrolled), g_webView);
     gtk_box_pack_start(GTK_BOX(box), scrolled, TRUE, TRUE, 0);
     return box;

@@ -11,9 +11,11 @@
 typedef struct _GtkWidget GtkWidget;
 
 // Points the default web context at the web extension next to the
-// executable and starts the bridge when WebKit starts a web process.
+// executable and starts the bridge when WebKit starts a web process; in
+// automation mode, lets a WebDriver session drive g_webView.
 void PrepareWebContext();
-// The vertical box holding the scrolled window holding g_webView.
+// The vertical box holding the scrolled window holding g_webView (made for
+// automation in automation mode).
 GtkWidget* BuildWebViewBox();
 // KAVORI_TRUSTED_ORIGINS, parsed once; empty: every origin is served.
 const std::vector<std::string>& TrustedOrigins();

@@ -8,6 +8,7 @@ packages=(
   libgtk-3-dev libwebkit2gtk-4.1-dev libp11-kit-dev libjson-glib-dev
   libgtest-dev googletest
   xvfb xauth x11-utils xdotool imagemagick openbox
+  webkit2gtk-driver python3-selenium
   softhsm2 opensc
   clang libclang-rt-14-dev
 )
