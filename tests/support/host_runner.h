@@ -1,5 +1,6 @@
-// Real windows for the tests: a private Xvfb per test process, the host run
-// on it with a recording plug-in, and small X queries.  Every wait is bounded.
+// Real windows and real host runs for the end-to-end tests: a private Xvfb
+// per test, the built host on it with the recording plug-in, X queries, and
+// what a host leaves in the process table.  Every wait is bounded.
 #pragma once
 
 #include <sys/types.h>
@@ -7,9 +8,11 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/support.h"
+
 namespace kvotest {
 
-// An Xvfb server of its own (1280x1024x24 unless told otherwise).
+// An Xvfb server of its own and the X clients run on it.
 class XServer {
 public:
     explicit XServer(const std::string& screen = "1280x1024x24");
@@ -18,96 +21,68 @@ public:
     XServer& operator=(const XServer&) = delete;
     bool ok() const { return !m_display.empty(); }
     const std::string& display() const { return m_display; }
+    // An X client (xdotool, xprop, ...) on this display: its output, "" on failure.
+    std::string Query(const std::vector<std::string>& argv, int timeoutMs = 5000) const;
+    unsigned long WindowOf(pid_t pid, int timeoutMs = 30000) const;  // the first visible one, or 0
+    std::string Shape(unsigned long window) const;  // "WxH+X+Y" as X has it, "" when unknown
+    std::string Property(unsigned long window, const std::string& name) const;  // xprop's line
+    // WM_DELETE_WINDOW, as a window manager's close button sends it.
+    bool SendDeleteWindow(unsigned long window) const;
 
 private:
     pid_t m_pid = -1;
     std::string m_display;
 };
 
-// The host run as a child process with DISPLAY set, HOME and the plug-in's
-// record and answer files pointed at a directory of its own.
+std::string HostBinary();
+std::string PluginDir(const std::string& variant);  // a built test plug-in: recording, no_enum, ...
+std::string PageUrl(const std::string& name);       // file:// URL of tests/fixtures/pages/<name>
+
+// The host run as a child with DISPLAY, HOME, XDG_RUNTIME_DIR and the
+// recording plug-in's files in a directory of its own, and no session bus
+// (so that nothing autolaunched outlives it).
 class HostProcess {
 public:
     explicit HostProcess(const XServer& x);
-    ~HostProcess();  // kills what is still running
+    ~HostProcess();  // kills what is still running; the directory goes
     HostProcess(const HostProcess&) = delete;
     HostProcess& operator=(const HostProcess&) = delete;
 
-    // Extra environment entries ("NAME=value"; "NAME" alone unsets).
-    void AddEnv(const std::string& entry) { m_env.push_back(entry); }
-    // Starts the host with these arguments (the path is added in front).
-    bool Start(const std::vector<std::string>& arguments);
-    // Starts exactly argv (argv[0] the file run) in the host's environment.
-    bool StartArgv(const std::vector<std::string>& argv);
-    // Waits for the end: the -store file's text ("<no result>" without one),
-    // or "<status N> " and the output when the exit status is not 0.
-    std::string Result(int timeoutMs = 30000);
-    // Waits for the host to end; its exit status, or -1 on timeout/signal.
-    int Wait(int timeoutMs = 20000);
+    std::vector<std::string> env;  // extra entries for the start ("NAME=value"; "NAME" unsets)
+    // The host on page (in tests/fixtures/pages, or a URL), the extra
+    // arguments, then -root (the recording plug-in) and -store storePath(),
+    // which extra may give first: the first occurrence counts.
+    bool Open(const std::string& page, const std::vector<std::string>& extra = {});
+    bool StartArgv(const std::vector<std::string>& argv);  // exactly argv, in the host's environment
+    int Wait(int timeoutMs = 60000);                       // exit status; -1 on a timeout or a signal
+    // Wait, then the -store file's text, "<no file>", or "<status N>" and the output.
+    std::string Result(int timeoutMs = 60000);
     bool Running();
     pid_t pid() const { return m_pid; }
-    std::string output() const;  // stdout + stderr so far
+    std::string output() const { return ReadFileOr(dir() + "/output.txt"); }
+    unsigned long Window(int timeoutMs = 30000) const { return m_x.WindowOf(m_pid, timeoutMs); }
 
-    // The first X window that shows the name, or 0 after the timeout.
-    unsigned long WaitForWindow(const std::string& title, int timeoutMs = 15000);
-    // The host's top-level window (by its pid), or 0 after the timeout.
-    unsigned long WaitForOwnWindow(int timeoutMs = 15000);
-
-    const std::string& dir() const { return m_dir; }  // scratch directory
-    std::string recordPath() const { return m_dir + "/record.txt"; }
-    std::string answersPath() const { return m_dir + "/answers.txt"; }
-    std::string storePath() const { return m_dir + "/result.txt"; }
-    std::string home() const { return m_dir + "/home"; }
-    std::vector<std::string> Record() const;  // lines the plug-in wrote
-    // Polls the record for this line; false after the timeout.
-    bool WaitForRecord(const std::string& line, int timeoutMs = 15000) const;
-    // The value of the last "SetProperty <name>=" line, or "<none>".
-    std::string LastSet(const std::string& name) const;
+    const std::string& dir() const { return m_dir.path(); }
+    std::string home() const { return m_dir.file("home"); }
+    std::string recordPath() const { return m_dir.file("record.txt"); }
+    std::string answersPath() const { return m_dir.file("answers.txt"); }  // "name<TAB>value" lines
+    std::string storePath() const { return m_dir.file("result.txt"); }
+    std::vector<std::string> Record() const { return ReadLines(recordPath()); }
+    bool WaitForRecord(const std::string& line, int count = 1, int timeoutMs = 30000) const;  // count times
+    std::string LastSet(const std::string& name) const;  // the last "SetProperty name=" value, or "<none>"
+    std::vector<std::string> SocketDirectories() const;  // kavori-* in dir()
+    // Waits until no socket directory and no process carrying this run's
+    // XDG_RUNTIME_DIR is left: "", else what is left.
+    std::string Leftovers(int timeoutMs = 10000) const;
 
 private:
     const XServer& m_x;
-    std::vector<std::string> m_env;
-    std::string m_dir;
-    std::string m_outputPath;
+    TempDir m_dir;
     pid_t m_pid = -1;
 };
 
-// The host binary and the recording plug-in's directory in the build tree.
-std::string HostBinary();
-std::string RecordingPluginDir();
-std::string PluginDir(const std::string& variant);
-std::string PageUrl(const std::string& name);  // file:// URL of tests/fixtures/pages/<name>
-
-// Runs an X client on the display; its stdout, or "" on failure.
-std::string XQuery(const XServer& x, const std::vector<std::string>& argv, int timeoutMs = 5000);
-
-// PageUrl(name) with "?" and the query, percent-encoded.
-std::string PageUrlWithQuery(const std::string& name, const std::string& query);
-// A string member of a page's findings (JSON), unescaped; "<missing>" without it.
-std::string Finding(const std::string& json, const std::string& name);
-
-// Sends WM_DELETE_WINDOW as a window manager's close button does.
-bool SendDeleteWindow(const XServer& x, unsigned long window);
-
-// Counts the windows mapped from its creation on, leaving out
-// override-redirect ones (the toolkit maps a 1x1 helper of that kind).
-class MapCounter {
-public:
-    explicit MapCounter(const XServer& x);
-    ~MapCounter();
-    MapCounter(const MapCounter&) = delete;
-    MapCounter& operator=(const MapCounter&) = delete;
-    int Maps();  // -1 when the display could not be opened
-
-private:
-    void* m_display = nullptr;
-    int m_maps = 0;
-};
-
-// Runs the host to its end: a page that reports through
-// Application("exit", result) with -store; returns the stored text
-// (or "<no result>" when nothing was written).
-std::string RunPage(const XServer& x, const std::string& page, const std::vector<std::string>& extraArguments = {},
-                    const std::vector<std::string>& extraEnv = {}, std::vector<std::string>* record = nullptr);
+std::vector<pid_t> ProcessesWithEnv(const std::string& entry);  // live ones, exactly this entry
+std::string ProgramOf(pid_t pid);  // argv[0]'s last component; "" once gone (or a zombie)
+std::vector<pid_t> WebProcessesOf(pid_t host);  // its live WebKitWebProcess children
 
 }  // namespace kvotest

@@ -1,4 +1,4 @@
-// Helpers shared by the tests: temporary directories, files and processes.
+// Helpers of every test: temporary directories, files, processes, bounded waits.
 #pragma once
 
 #include <sys/types.h>
@@ -24,64 +24,35 @@ private:
 };
 
 bool WriteFile(const std::string& path, const std::string& content, int mode = 0644);
-// The whole file; false when it cannot be read.
-bool ReadFile(const std::string& path, std::string* content);
+bool MakeDirs(const std::string& path);  // mkdir -p
+bool PutFile(const std::string& path, const std::string& content, int mode = 0644);  // MakeDirs, WriteFile
+bool ReadFile(const std::string& path, std::string* content);  // the whole file
 std::string ReadFileOr(const std::string& path, const std::string& fallback = std::string());
-bool FileExists(const std::string& path);
+bool FileExists(const std::string& path);  // lstat: a dangling link exists
 std::vector<std::string> ReadLines(const std::string& path);
+int CountOf(const std::vector<std::string>& lines, const std::string& line);  // how often line occurs
 
-// Runs argv[0] (a path) with the given extra environment ("NAME=value"
-// entries; "NAME" alone unsets), waits at most timeoutMs, kills it after
-// that.  Returns the exit status, or -1 on a timeout or a signal.  Output
-// goes to *out when not null (stdout and stderr together).
+long long MonotonicMs();
+// Asks done every 50 ms until it holds or timeoutMs has passed; its last answer.
+bool PollUntil(const std::function<bool()>& done, int timeoutMs = 15000);
+
+// Processes run argv[0] (a path) in a process group of their own, with the
+// extra environment entries ("NAME=value"; "NAME" alone unsets).
+// StartProcess appends stdout and stderr to outputPath (when not empty);
+// the pid, or -1.
+pid_t StartProcess(const std::vector<std::string>& argv, const std::vector<std::string>& env,
+                   const std::string& outputPath);
+// A started child's exit status; -1 on a signal, or after timeoutMs (then
+// it is still running).
+int WaitProcess(pid_t pid, int timeoutMs);
+// Start and wait; the group is killed after timeoutMs (then -1).  Output
+// (stdout and stderr together) goes to *out when not null.
 int RunProcess(const std::vector<std::string>& argv, const std::vector<std::string>& env, int timeoutMs,
                std::string* out = nullptr);
 
-// Starts argv as RunProcess does, without waiting; output appended to
-// outputPath (when not empty).  The pid, or -1.
-pid_t StartProcess(const std::vector<std::string>& argv, const std::vector<std::string>& env,
-                   const std::string& outputPath);
-// A started child's exit status; -1 on a signal or after timeoutMs (then still running).
-int WaitProcess(pid_t pid, int timeoutMs);
-
-// mkdir -p; false when a directory cannot be made.
-bool MakeDirs(const std::string& path);
-// WriteFile after making the directories that lead to path.
-bool PutFile(const std::string& path, const std::string& content, int mode = 0644);
-long long MonotonicMs();
-// Asks done every 50 ms until it holds or timeoutMs has passed; its last answer.
-bool PollUntil(const std::function<bool()>& done, int timeoutMs = 10000);
-
-// Built-tree locations.
 std::string BuildDir();
 std::string SourceDir();
 std::string FixtureDir();  // built test plug-ins and modules live below it
-
-// The first of parts that text does not hold; "" when it holds them all.
-std::string MissingPart(const std::string& text, const std::vector<std::string>& parts);
-// Where line first occurs in lines (-1: nowhere), and how often.
-int IndexOf(const std::vector<std::string>& lines, const std::string& line);
-int CountOf(const std::vector<std::string>& lines, const std::string& line);
-
-// /etc with an overlay of its own for one command, in a private mount
-// namespace: files put below Upper("/etc/...") are seen there only.
-class PrivateEtc {
-public:
-    explicit PrivateEtc(const std::string& scratch);
-    std::string Upper(const std::string& path) const;  // path below /etc; makes its directories
-    // The command that runs argv there; it ends with 77 before running argv
-    // when no namespace or no overlay can be had.
-    std::vector<std::string> Wrap(const std::vector<std::string>& argv) const;
-
-private:
-    std::string m_scratch;
-};
-// Skips the test when this machine gives no private /etc.
-void SkipWithoutPrivateEtc();
-
-// In a forked child: a process group of its own, output to outFd (when not
-// -1), the environment entries applied ("NAME" alone unsets), then argv.
-[[noreturn]] void ExecChild(const std::vector<std::string>& argv, const std::vector<std::string>& env, int outFd);
 
 // Ends the test process with exit code 77 (a skip) after saying why.
 [[noreturn]] void SkipTest(const std::string& reason);

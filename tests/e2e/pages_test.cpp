@@ -1,0 +1,62 @@
+// Pages in a real web view: the Kavori functions, unusable plug-ins, what dialog
+// authors switch on.  Each page checks its table and ends with "ok" or what differed.
+#include "tests/e2e/e2e.h"
+
+namespace kvotest {
+namespace {
+
+using Pages = RealHost;
+
+TEST_F(Pages, FunctionsFramesAndDocumentsSeeOnlyKavori) {
+    HostProcess& host = Open("calls.html");
+    EXPECT_EQ("ok", host.Result());
+    EXPECT_EQ("", host.Leftovers());
+}
+
+TEST_F(Pages, UnusablePluginsGiveTheDefaultsAndAFailedStartIsRetried) {
+    TempDir empty;  // no libkvo.so at all
+    const std::pair<std::string, std::string> rows[] = {
+        {PluginDir("no_trace"), "usable"},  // the trace export is optional
+        {empty.path(), "broken"},
+        {PluginDir("no_enum"), "broken"},
+        {PluginDir("init_fails_with_handle"), "broken"},
+        {PluginDir("recording"), "flaky"}};
+    for (const auto& row : rows) {
+        Open("startup.html?" + row.second, {"-root", row.first},
+             {row.second == "flaky" ? "KVO_TEST_INIT_FAILURES=3" : "KVO_TEST_INIT_FAILURES"});
+    }
+    for (size_t i = 0; i < hosts.size(); ++i) EXPECT_EQ("ok", hosts[i]->Result()) << rows[i].first;
+    std::vector<std::string> flaky = hosts.back()->Record();
+    EXPECT_EQ(4, CountOf(flaky, "Initialize"));
+    EXPECT_EQ(1, CountOf(flaky, "Invoke 7"));  // only the call after the start reached it
+}
+
+TEST_F(Pages, ForDialogAuthorsTheConsoleTheScriptedPluginAndTrustedOrigins) {
+    std::string console = PageUrl("console.html"), answers = SourceDir() + "/tests/fixtures/pages/scripted";
+    HostProcess& developer = Open(console, {}, {"KAVORI_DEVELOPER=1"});
+    const std::vector<std::string> scripted = {"-root", BuildDir() + "/examples/scripted"};
+    HostProcess& good = Open("scripted.html", scripted, {"KAVORI_ANSWERS=" + answers + ".json"});
+    HostProcess& bad = Open("scripted.html", scripted, {"KAVORI_ANSWERS=" + answers + "_malformed.json"});
+    // Restricted to file://: a sandboxed frame has an opaque origin and no Kavori.
+    HostProcess& restricted = Open("calls.html?restricted", {}, {"KAVORI_TRUSTED_ORIGINS=file://"});
+    // A start page off the list is refused: no call is served, the dialog stays.
+    HostProcess& untrusted = Open("calls.html", {}, {"KAVORI_TRUSTED_ORIGINS=http://127.0.0.1:9"});
+
+    EXPECT_EQ("done", developer.Result());
+    for (const std::string& line : {"console.log: [file://] " + console + ":3: hello from the page\n",
+                                    "console.warn: [file://] " + console + ":4: careful\n",
+                                    "console.error: [file://] " + console + ":5: ReferenceError"}) {
+        EXPECT_TRUE(Has(developer.output(), line)) << line << "\n" << developer.output();
+    }
+    EXPECT_EQ("ok", good.Result());
+    EXPECT_TRUE(Has(bad.Result(), "holder: \"\"")) << bad.output();
+    EXPECT_TRUE(Has(bad.output(), answers + "_malformed.json:2:")) << bad.output();  // named with its line
+    EXPECT_EQ("ok", restricted.Result());
+    std::string refused = "kavori-host: refused navigation to " + PageUrl("calls.html") + ": ";
+    EXPECT_TRUE(PollUntil([&] { return Has(untrusted.output(), refused); })) << untrusted.output();
+    EXPECT_EQ(0, CountOf(untrusted.Record(), "GetProperty Holder"));  // the page's first call
+    EXPECT_TRUE(untrusted.Running());
+}
+
+}  // namespace
+}  // namespace kvotest
