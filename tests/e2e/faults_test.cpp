@@ -38,7 +38,7 @@ TEST_F(Faults, AKilledWebProcessIsReplacedUntilThreeCrashesBringAPlainMessage) {
     EXPECT_TRUE(PollUntil([&] { return RedShare(window, &dark) > 0.9; }));  // what the last check relies on
     // Each kill once the load before it is complete: the first has left its value, each later one read it back.
     ASSERT_TRUE(host.WaitForRecord("SetProperty Kept=set before the crash")) << host.output();
-    const int signals[] = {SIGKILL, SIGABRT, SIGTERM};  // a SIGSEGV from outside JavaScriptCore takes itself
+    const int signals[] = {SIGKILL, SIGABRT, SIGTERM};  // JavaScriptCore takes a SIGSEGV sent from outside
     std::vector<pid_t> web;
     for (int crashes = 0; crashes < 3; ++crashes) {
         const pid_t previous = web.empty() ? 0 : web[0];
