@@ -2,7 +2,6 @@
 // installation's places comes from HOME and from system places moved below
 // a directory of the test.
 #include <gtest/gtest.h>
-#include <glib.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -53,8 +52,7 @@ TEST(Options, FirstExactMatchAfterIndexZeroAndNoValueBeginsWithADash) {
         uint32_t number = 7;
         EXPECT_EQ(FindOptionValue(args.argc, args.argv, r.name, &value) + FindOptionNumber(args.argc, args.argv, r.name, &number) +
                   HasOption(args.argc, args.argv, r.name), 3 * r.found) << r.name;
-        EXPECT_TRUE(value ? r.value && strcmp(value, r.value) == 0 : !r.value) << r.name;
-        EXPECT_EQ(number, r.number) << r.name;
+        EXPECT_TRUE((value ? r.value && strcmp(value, r.value) == 0 : !r.value) && number == r.number) << r.name;
     }
     std::pair<const char*, uint32_t> texts[] = {{"0X0BB8", 0}, {"12abc", 12}, {"+5", 5}, {"abc", 0}, {"0x", 0}, {"-1", 0xFFFFFFFF},
         {"4294967297", 1}, {"0xFFFFFFFF", 0xFFFFFFFF}, {"0x123456789", 0x23456789}, {"0xa", 42}};
@@ -64,10 +62,9 @@ TEST(Options, FirstExactMatchAfterIndexZeroAndNoValueBeginsWithADash) {
 TEST(Geometry, SizeCenterPositionAndFullscreen) {
     struct { const char* args; int32_t width, height, x, y; } rows[] = {{"", 256, 384, 0, 0},
         {"-size 0x01000200", 256, 482, 0, 0}, {"-size 0x0100001F", 256, 1, 0, 0}, {"-size", 0, 1, 0, 0},
-        {"-center", 256, 384, 512, 320}, {"-center -size 0x07D00212", 2000, 500, 0, 262},
-        {"-position 0x00640032 -center", 256, 384, 512, 320}, {"-position 0x00640032", 256, 384, 100, 50},
-        {"-position 0x80648032", 256, 384, 1280 - 256 - 100, 1024 - 384 - 50},  // from the right and bottom
-        {"-fullscreen -size 0x01000200 -position 0x00640032", 1280, 1024, 0, 0}};
+        {"-center", 256, 384, 512, 320}, {"-center -size 0x07D00212", 2000, 500, 0, 262}, {"-position 0x00640032", 256, 384, 100, 50},
+        {"-position 0x80648032 -center", 256, 384, 512, 320}, {"-position 0x80648032", 256, 384, 1280 - 256 - 100, 1024 - 384 - 50},
+        {"-fullscreen -size 0x01000200 -position 0x00640032", 1280, 1024, 0, 0}};  // 0x8000: from the right or bottom
     for (const auto& r : rows) {
         Argv args(std::string("host ") + r.args);
         WindowGeometry g = ComputeWindowGeometry(args.argc, args.argv, 1280, 1024);
@@ -76,7 +73,7 @@ TEST(Geometry, SizeCenterPositionAndFullscreen) {
     }
 }
 
-TEST(CommandText, BlanksSeparateQuotesGroupWithoutEscapesAndVectorsJoin) {
+TEST(CommandText, BlanksSeparateAndQuotesGroupWithoutEscapes) {
     std::pair<const char*, Words> rows[] = {{"-url a.html -title \"Two words\"", {"-url", "a.html", "-title", "Two words"}},
         {"   a    b   ", {"a", "b"}}, {"a\tb c", {"a\tb", "c"}}, {"\"a\\\" b", {"a\\", "b"}}, {"a\"b \"\"", {"a\"b", ""}},
         {"-title \"open end ", {"-title", "open end "}}, {"", {}}, {nullptr, {}}, {"   ", {""}}};
@@ -87,11 +84,6 @@ TEST(CommandText, BlanksSeparateQuotesGroupWithoutEscapesAndVectorsJoin) {
         EXPECT_EQ(words[count], nullptr);
         FreeArgumentVector(words);
     }
-    char* first[] = {(char*)"a", nullptr, (char*)"c"};
-    char** joined = JoinArgumentVectors(first, 3, first, -1);  // a null inside the count becomes ""
-    EXPECT_EQ(Words(joined, joined + 3), (Words{"a", "", "c"}));
-    EXPECT_EQ(joined[3], nullptr);
-    FreeArgumentVector(joined);
 }
 
 TEST(StartUrl, PrefixAndRedirectionFromThePluginAndLocalFilesAsFileUrls) {
@@ -100,12 +92,10 @@ TEST(StartUrl, PrefixAndRedirectionFromThePluginAndLocalFilesAsFileUrls) {
     setenv("KVO_TEST_ANSWERS", dir.file("answers").c_str(), 1);
     Argv received("host -title Real -store");
     int32_t count = received.argc;
-    const char* url = "index.html";
-    EXPECT_EQ(ResolveStartUrl(url), url);  // nothing configured
-    EXPECT_EQ(RedirectCommandLine(received.argv, &count), nullptr);
+    EXPECT_EQ(RedirectCommandLine(received.argv, &count), nullptr);  // nothing configured
     WriteFile(dir.file("answers"), "ConfigGlobal:Dialog:PathResource\tfile:///kvo/\nConfigGlobal:Command:App\tout -title \"A b\"\n");
     for (const char* kept : {"https://example.org/a", "a.html?next=http://x", (const char*)nullptr}) EXPECT_EQ(ResolveStartUrl(kept), kept);
-    std::unique_ptr<const char[]> resolved(ResolveStartUrl(url));
+    std::unique_ptr<const char[]> resolved(ResolveStartUrl("index.html"));
     EXPECT_STREQ(resolved.get(), "file:///kvo/index.html");
     char** argv = RedirectCommandLine(received.argv, &count);  // the real words first: they win
     EXPECT_EQ(Words(argv, argv + count), (Words{"host", "-title", "Real", "-store", "out", "-title", "A b"}));
@@ -133,17 +123,15 @@ TEST(Result, SuccessWordsGiveWayToTheSuccessTextAndTheFileHoldsExactlyTheText) {
     EXPECT_EQ(ReadFileOr(dir.file("result")), "OK ");  // the bytes alone
 }
 
-TEST(AppCommands, PackedSizesFromScriptNumbers) {
-    std::pair<double, uint32_t> rows[] = {{NAN, 0}, {INFINITY, 0}, {0x032001E0, 0x032001E0}, {-1, 0xFFFFFFFF}, {1.9, 1},
+TEST(AppCommands, PackedSizesAndNamesThatIgnoreLetterCaseButNotBlanks) {
+    std::pair<double, uint32_t> sizes[] = {{NAN, 0}, {INFINITY, 0}, {0x032001E0, 0x032001E0}, {-1, 0xFFFFFFFF}, {1.9, 1},
         {-1.9, 0xFFFFFFFF}, {4294967301.0, 5}, {9223372036854775807.0, 0}, {-9223372036854775808.0, 0},
         {9223372036854774784.0, 0xFFFFFC00}, {1e300, 0}};
-    for (const auto& r : rows) EXPECT_EQ(PackedSizeFromNumber(r.first), r.second) << r.first;
-}
+    for (const auto& r : sizes) EXPECT_EQ(PackedSizeFromNumber(r.first), r.second) << r.first;
 
-// exit and restart show without a window, one command per child: exit in the
-// exit texts (status 1), restart in a process that gives way to its successor
-// (status 0).  resize and reload act on the window alone (end-to-end pages).
-TEST(AppCommands, NamesIgnoreLetterCaseButNotBlanks) {
+        // exit and restart show without a window, one command per child: exit in the
+    // exit texts (status 1), restart in a process that gives way to its successor
+    // (status 0).  resize and reload act on the window alone (end-to-end pages).
     SaveArgs("true");
     strcpy(g_ownProgram, "/bin/true");  // not this test program again
     std::pair<const char*, int> rows[] = {{"exit", 1}, {"ExIt", 1}, {"exit ", 3}, {" EXIT", 3}, {"exits", 3},
@@ -151,7 +139,7 @@ TEST(AppCommands, NamesIgnoreLetterCaseButNotBlanks) {
     for (const auto& r : rows) {
         pid_t child = fork();
         if (child == 0) {
-            g_log_set_default_handler(+[](const gchar*, GLogLevelFlags, const gchar*, gpointer) {}, nullptr);  // no main loop here
+            freopen("/dev/null", "w", stderr);  // exit's complaint that no main loop runs
             RunApplicationCommand(r.first, 2, "r", nullptr, NAN);
             _exit(g_exitResult && strcmp(g_exitResult, "r") == 0 ? 1 : 3);
         }
@@ -171,12 +159,14 @@ struct Places : testing::Test {
     }
     // A script that notes its path, its arguments and whether it leads a session of its own.
     void Probe(const std::string& path) {
-        PutFile(path, "#!/bin/sh\nread pid comm state ppid pgrp sid rest < /proc/$$/stat\n[ $pid = $sid ] && s=own || "
-                      "s=shared\necho $0 $* $s >> " + root.file("runs") + "\n", 0755);
+        PutFile(path, "#!/bin/sh\nread pid comm state ppid pgrp sid rest < /proc/$$/stat\n[ $pid = $sid ] && s=own || s=shared\n"
+                      "echo $0 $* $s >> " + root.file("runs") + "\n", 0755);
     }
 };
 
-TEST_F(Places, AdminProgramAndLibraryDirectoryPerUserBeforeTheSystem) {
+// Per user before the system: the admin program and its library directory, the icon (beside the host and in the
+// root first); the lazy start's root from -root, else the host's directory.
+TEST_F(Places, PathsInTheirOrder) {
     EXPECT_EQ(Found(FindAdminProgram) + Found(FindInstalledLibraryDirectory), "");
     PutFile(system + "/usr/bin/kvo", "", 0755);
     EXPECT_EQ(Found(FindInstalledLibraryDirectory), system + "/usr/lib");
@@ -185,10 +175,7 @@ TEST_F(Places, AdminProgramAndLibraryDirectoryPerUserBeforeTheSystem) {
     uint32_t exact = uint32_t(home.size() + strlen("/.kvo/lib"));
     EXPECT_EQ(Found(FindInstalledLibraryDirectory, exact), "");  // too small: nothing, not a cut path
     EXPECT_EQ(Found(FindInstalledLibraryDirectory, exact + 1), home + "/.kvo/lib");
-}
 
-// The icon beside the host, in the root, in HOME, in the system; the lazy start's root from -root, else the host's directory.
-TEST_F(Places, IconInItsOrderAndTheLazyStartRoot) {
     TempDir host, lib;
     SaveArgs(host.file("kavori-host") + " -root " + lib.path());
     const std::string icons[] = {host.file("kvo.ico"), lib.file("kvo.ico"), home + "/.kvo/kvo.ico", system + "/etc/kvo/kvo.ico"};
@@ -226,12 +213,11 @@ TEST_F(Places, ScriptsTheTestOptionAndTheAdminProgramRunInSessionsOfTheirOwn) {
         system + "/etc/kvo/repair own", ".repair own", system + "/usr/bin/kvo -admin own"}));
 }
 
-TEST_F(Places, UserAgentFromWebKitsTheProductVersionAndTheSystemsDescription) {
+TEST_F(Places, UserAgentFromWebKitsTheProductVersionAndTheSystemsDescriptionAndWhatWebKitCarries) {
     const std::string issue = system + "/etc/issue.net", ubuntu = "Ubuntu 16.04.7 LTS\n", tail = " Kavori/6.7 Ubuntu/16.04", a127(127, 'a'), a191(191, 'a');
     struct { std::string agent, productInfo, issue; uint32_t size; std::string text; } rows[] = {  // issue "-": none
-        {"Agent", "Name;x;6.7.2,", "-", 256, "Agent Kavori/6.7"}, {"Agent", "Name;x;6.7.2,", "", 256, "Agent Kavori/6.7"},
+        {"Agent", "Name;x;6.7.2,", "-", 256, "Agent Kavori/6.7"}, {"Agent", "Name;x 06070002", ubuntu, 256, ""},
         {"A", "N;x;06,", "Debian GNU/Linux 9\n", 256, "A Kavori/6. Debian GNU/Linux/9\n"},  // cut before a second dot only
-        {"A", "N;x;06,", "Arch.Linux.x", 256, "A Kavori/6. Arch.Linux"}, {"Agent", "Name;x 06070002", ubuntu, 256, ""},
         {a127, "N;x;0607,", ubuntu, 192, a127 + tail}, {a127 + "a", "N;x;0607,", ubuntu, 192, ""},  // agent + 64 < size
         {"A", std::string(100, 'n') + ";x;0607" + std::string(146, '0') + ",", ubuntu, 256, "A" + tail},
         {"A", std::string(100, 'n') + ";x;0607" + std::string(147, '0') + ",", ubuntu, 256, ""},  // the name counts
@@ -246,9 +232,6 @@ TEST_F(Places, UserAgentFromWebKitsTheProductVersionAndTheSystemsDescription) {
     char info[] = "N;x;0607,", buffer[256] = {};
     EXPECT_FALSE(ComposeUserAgentText(nullptr, info, buffer, 256) || ComposeUserAgentText("A", nullptr, buffer, 256) ||
                  ComposeUserAgentText("A", info, nullptr, 256));
-}
-
-TEST(UserAgent, VersionDigitsAndWhatWebKitCarries) {
     std::pair<std::string, std::string> versions[] = {{"06070002", "6.7"}, {"12030000", "12.3"}, {"0000", "0.0"}, {"", "."},
                                                       {"6", "6."}, {"061", "6.1"}};
     for (const auto& v : versions) {

@@ -74,8 +74,7 @@ TEST(WrapperPKCS11, ForwardsNestsAndKeepsTheFirstModule) {
     EXPECT_EQ(module.Finalize(nullptr), CKR_CRYPTOKI_NOT_INITIALIZED);
     ASSERT_EQ(module.Initialize(nullptr) + module.Initialize(nullptr), CKR_OK);  // nested: only counted
     EXPECT_TRUE(module.InitCount() == 2 && module.Finalize(nullptr) == CKR_OK && libraries.Record() == Lines{"C_Initialize"});
-    EXPECT_EQ(module.Finalize(nullptr), CKR_OK);
-    EXPECT_EQ(module.Initialize(nullptr), CKR_OK);
+    EXPECT_TRUE(module.Finalize(nullptr) == CKR_OK && module.Initialize(nullptr) == CKR_OK);
     module.Unload();  // forgets module and count without finalising
     EXPECT_EQ(module.Finalize(nullptr), CKR_CRYPTOKI_NOT_INITIALIZED);
     // Without C_GetFunctionList the handle is kept and the extensions bound.
@@ -117,16 +116,16 @@ class Startup : public testing::TestWithParam<Scenario> {};
 
 const std::string kUp = "Pkcs#11 library successfully initialized", kPluginDown = "Plugin library finalized",
                   kDown = "Pkcs#11 library successfully finalized", kNeed = "Need to load pkcs#11 library for environment variables";
-INSTANTIATE_TEST_SUITE_P(Table, Startup, testing::Values(
-    Scenario{"", "recording", 3, 0, 6, {"Pkcs#11 library missing"}, 0, {kPluginDown}, ""},
-    Scenario{"init_fails", "recording", 3, 0, 5, {"Pkcs#11 library initialize failed"}, 0, {kPluginDown}, "C_Initialize"},
-    Scenario{"recording", "", 3, 0, 6, {kUp, "Plugin library missing", kPluginDown, kDown}, 0, {kPluginDown}, "C_Finalize"},
-    Scenario{"recording", "init_fails", 3, 0, 6, {kUp, "Plugin library initialize failed", kPluginDown, kDown}, 0, {kPluginDown}, "C_Finalize"},
-    Scenario{"recording", "init_fails", 2, 1, 6, {kNeed, "Plugin library initialize failed"}, 0, {kPluginDown, kDown}, "C_Finalize"},
-    Scenario{"finalize_fails", "", 1, 0, 0, {kUp}, 0x30, {kPluginDown, "Pkcs#11 library finalize failed"}, "C_Finalize"},
-    Scenario{"already_initialized", "", 1, 0, 0, {kUp}, 0, {kPluginDown, kDown}, "C_Initialize"},
-    Scenario{"recording", "recording", 2, 0, 0, {kNeed, "Plugin library successfully initialized"}, 0, {kPluginDown}, "Finalize"},
-    Scenario{"recording", "recording", 4, 0, 0, {kNeed}, 0, {kPluginDown}, ""}));
+INSTANTIATE_TEST_SUITE_P(Table, Startup, testing::ValuesIn(std::vector<Scenario>{
+    {"", "recording", 3, 0, 6, {"Pkcs#11 library missing"}, 0, {kPluginDown}, ""},
+    {"init_fails", "recording", 3, 0, 5, {"Pkcs#11 library initialize failed"}, 0, {kPluginDown}, "C_Initialize"},
+    {"recording", "", 3, 0, 6, {kUp, "Plugin library missing", kPluginDown, kDown}, 0, {kPluginDown}, "C_Finalize"},
+    {"recording", "init_fails", 3, 0, 6, {kUp, "Plugin library initialize failed", kPluginDown, kDown}, 0, {kPluginDown}, "C_Finalize"},
+    {"recording", "init_fails", 2, 1, 6, {kNeed, "Plugin library initialize failed"}, 0, {kPluginDown, kDown}, "C_Finalize"},
+    {"finalize_fails", "", 1, 0, 0, {kUp}, 0x30, {kPluginDown, "Pkcs#11 library finalize failed"}, "C_Finalize"},
+    {"already_initialized", "", 1, 0, 0, {kUp}, 0, {kPluginDown, kDown}, "C_Initialize"},
+    {"recording", "recording", 2, 0, 0, {kNeed, "Plugin library successfully initialized"}, 0, {kPluginDown}, "Finalize"},
+    {"recording", "recording", 4, 0, 0, {kNeed}, 0, {kPluginDown}, ""}}));
 
 TEST_P(Startup, CodesMessagesAndRollBack) {
     const Scenario& s = GetParam();
