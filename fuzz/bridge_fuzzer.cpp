@@ -1,7 +1,7 @@
 // The wire codec and the host's frame loop, through a real connection to
 // BridgeServerStart's socket served on the GLib main context.  Input: a mode
-// byte (bit 0: a valid hello first; the rest: the size of each write, 0 for
-// one), then the bytes sent.  The replies must be exactly those owed to the
+// byte (bit 0: a valid hello first; the rest: the size of each write, 0: all
+// at once), then the bytes sent.  The replies must be exactly those owed to the
 // requests the protocol lets through, and the host must close and forget the
 // connection.  GLib referees every whole frame: a body decodes exactly when
 // in its normal form (a request: with a known operation), and both GLib's and
@@ -12,8 +12,6 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <algorithm>
-
 #include "bridge/bridge_server.h"
 #include "fuzz_check.h"
 
@@ -21,9 +19,9 @@ static StartupData g_startup;
 static std::string g_hello;  // a whole hello with the token
 
 // "big:" asks for more than a socket buffer holds: the host must wait for the peer.
-static void Handle(const BridgeRequest& request, BridgeReply* reply) {
-    reply->code = request.op * 1000 + request.argc;
-    reply->text = request.text[0] && request.text[0]->compare(0, 4, "big:") == 0 ? std::string(300000, 'x') : request.text[0];
+static void Handle(const BridgeRequest& r, BridgeReply* reply) {
+    reply->code = r.op * 1000 + r.argc;
+    reply->text = r.text[0] && r.text[0]->compare(0, 4, "big:") == 0 ? std::string(300000, 'x') : r.text[0];
 }
 
 // The bytes of a new value in normal form; the value is released.

@@ -2,6 +2,7 @@
 // the input), and the input cut into NUL-separated pieces.
 #pragma once
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
