@@ -1,6 +1,5 @@
-// The application shell's units, without a window.  What it reads from the
-// installation's places comes from HOME and from system places moved below
-// a directory of the test.
+// The application shell's units, without a window; the installation's places come from HOME and from system
+// places moved below a directory of the test.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -94,7 +93,7 @@ TEST(StartUrl, PrefixAndRedirectionFromThePluginAndLocalFilesAsFileUrls) {
     int32_t count = received.argc;
     EXPECT_EQ(RedirectCommandLine(received.argv, &count), nullptr);  // nothing configured
     WriteFile(dir.file("answers"), "ConfigGlobal:Dialog:PathResource\tfile:///kvo/\nConfigGlobal:Command:App\tout -title \"A b\"\n");
-    for (const char* kept : {"https://example.org/a", "a.html?next=http://x", (const char*)nullptr}) EXPECT_EQ(ResolveStartUrl(kept), kept);
+    for (const char* kept : {"https://x/a", "a.html?next=http://x", (const char*)nullptr}) EXPECT_EQ(ResolveStartUrl(kept), kept);
     std::unique_ptr<const char[]> resolved(ResolveStartUrl("index.html"));
     EXPECT_STREQ(resolved.get(), "file:///kvo/index.html");
     char** argv = RedirectCommandLine(received.argv, &count);  // the real words first: they win
@@ -214,7 +213,8 @@ TEST_F(Places, ScriptsTheTestOptionAndTheAdminProgramRunInSessionsOfTheirOwn) {
 }
 
 TEST_F(Places, UserAgentFromWebKitsTheProductVersionAndTheSystemsDescriptionAndWhatWebKitCarries) {
-    const std::string issue = system + "/etc/issue.net", ubuntu = "Ubuntu 16.04.7 LTS\n", tail = " Kavori/6.7 Ubuntu/16.04", a127(127, 'a'), a191(191, 'a');
+    const std::string issue = system + "/etc/issue.net", ubuntu = "Ubuntu 16.04.7 LTS\n", tail = " Kavori/6.7 Ubuntu/16.04";
+    const std::string a127(127, 'a'), a191(191, 'a');
     struct { std::string agent, productInfo, issue; uint32_t size; std::string text; } rows[] = {  // issue "-": none
         {"Agent", "Name;x;6.7.2,", "-", 256, "Agent Kavori/6.7"}, {"Agent", "Name;x 06070002", ubuntu, 256, ""},
         {"A", "N;x;06,", "Debian GNU/Linux 9\n", 256, "A Kavori/6. Debian GNU/Linux/9\n"},  // cut before a second dot only

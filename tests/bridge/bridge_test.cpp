@@ -1,6 +1,5 @@
-// The bridge: the wire format against GLib's own serialisation, the host's
-// server under broken and hostile peers with the web process's channel as
-// the well-behaved one, and the script object over a transport of the test's.
+// The bridge: the wire format against GLib's own serialisation, the host's server under broken and hostile peers
+// with the web process's channel as the well-behaved one, the script object over a transport of the test's.
 #include <glib.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
@@ -27,7 +26,8 @@ std::string Glib(GVariant* value) {  // GLib's serialised form of the value
     return g_variant_unref(value), body;
 }
 GVariant* Maybe(const std::optional<std::string>& text) {
-    return g_variant_new_maybe(G_VARIANT_TYPE_BYTESTRING, text ? g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, text->data(), text->size(), 1) : nullptr);
+    GVariant* bytes = text ? g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, text->data(), text->size(), 1) : nullptr;
+    return g_variant_new_maybe(G_VARIANT_TYPE_BYTESTRING, bytes);
 }
 std::string Glib(const BridgeRequest& r) {
     return Glib(g_variant_new("(yy@may@may@mayd)", r.op, r.argc, Maybe(r.text[0]), Maybe(r.text[1]), Maybe(r.text[2]), r.number));
@@ -37,14 +37,14 @@ std::string Glib(const BridgeReply& r) { return Glib(g_variant_new("(@mayi)", Ma
 TEST(Channel, ByteForByteGlibsFormAndOnlyItsNormalForms) {
     // Sizes around the offset-width steps; an empty text is not an absent one.
     for (size_t size : {0, 240, 256, 65530, 70000}) {
-        BridgeRequest request{uint8_t(size % 6), uint8_t(size), {std::string(size, 'a'), std::nullopt, std::string()}, NAN}, requestOut;
-        BridgeReply reply{std::string(size, 'r'), -1}, replyOut, none{std::nullopt, 5};
+        BridgeRequest request{uint8_t(size % 6), uint8_t(size), {std::string(size, 'a'), std::nullopt, std::string()}, NAN}, out;
+        BridgeReply reply{std::string(size, 'r'), -1}, back, none{std::nullopt, 5};
         std::string frame = EncodeRequest(request), body = frame.substr(kFrameHeaderSize);
         EXPECT_TRUE(ReadFrameLength(frame.data()) == body.size() && body == Glib(request)) << size;
-        EXPECT_TRUE(DecodeRequest(body.data(), body.size(), &requestOut) && Glib(requestOut) == body) << size;
+        EXPECT_TRUE(DecodeRequest(body.data(), body.size(), &out) && Glib(out) == body) << size;
         for (const BridgeReply& r : {reply, none}) {
             body = EncodeReply(r).substr(kFrameHeaderSize);
-            EXPECT_TRUE(body == Glib(r) && DecodeReply(body.data(), body.size(), &replyOut) && Glib(replyOut) == body) << size;
+            EXPECT_TRUE(body == Glib(r) && DecodeReply(body.data(), body.size(), &back) && Glib(back) == body) << size;
         }
     }
     // Every bit flip, cut and added byte of a request and a reply: taken exactly
@@ -90,7 +90,7 @@ struct Peer {  // a raw one
         connected = connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
     }
     ~Peer() { close(fd); }
-    bool Send(const std::string& bytes) { return send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT) == ssize_t(bytes.size()); }
+    bool Send(const std::string& b) { return send(fd, b.data(), b.size(), MSG_NOSIGNAL | MSG_DONTWAIT) == ssize_t(b.size()); }
     bool Request(uint8_t op, const std::string& text) { return Send(EncodeRequest(BridgeRequest{op, 1, {text}, 0})); }
     // By the host, our bytes unread or not.
     bool Closed(char c = 0) { ssize_t n = recv(fd, &c, 1, 0); return n == 0 || (n < 0 && errno == ECONNRESET); }

@@ -23,19 +23,20 @@ namespace {
 
 Lines g_sink;
 void Sink(const char* text, int32_t length) { g_sink.emplace_back(text, size_t(length)); }
-std::string Fixture(const std::string& kind, const std::string& variant) { return FixtureDir() + "/" + kind + "/" + variant + "/"; }
+std::string Fixture(const std::string& kind, const std::string& name) { return FixtureDir() + "/" + kind + "/" + name + "/"; }
 
 // A library directory of links to fixture variants ("": none), and the call record.
 struct Libraries {
     TempDir dir;
+    const std::string file = dir.file("record");
     explicit Libraries(const std::string& module = "", const std::string& plugin = "") {
-        setenv("KVO_TEST_RECORD", dir.file("record").c_str(), 1);
+        setenv("KVO_TEST_RECORD", file.c_str(), 1);
         if (!module.empty()) Link(Fixture("modules", module) + "libkvop11.so", "libkvop11.so");
         if (!plugin.empty()) Link(Fixture("plugins", plugin) + "libkvo.so", "libkvo.so");
     }
     void Link(const std::string& target, const std::string& name) { symlink(target.c_str(), dir.file(name).c_str()); }
     std::string path() const { return dir.path() + "/"; }
-    Lines Record(Lines lines = {}) { return lines = ReadLines(dir.file("record")), unlink(dir.file("record").c_str()), lines; }  // and a new one
+    Lines Record(Lines got = {}) { return got = ReadLines(file), unlink(file.c_str()), got; }  // and begin a new one
 };
 
 TEST(Trace, FlagsAndPrefixesDecideEachLine) {
@@ -54,9 +55,9 @@ TEST(Trace, FlagsAndPrefixesDecideEachLine) {
         r.filter ? r.filter(exact.get(), int32_t(r.line.size())) : LogMessage(r.line.c_str(), "");
         EXPECT_EQ(g_sink, r.passes ? Lines{r.line} : Lines{}) << r.flags << " '" << r.line << "'";
     }
+    const uint32_t K = TRACE_SOURCE_PKCS11, N = TRACE_SOURCE_PLUGIN;
     auto pick = [](uint32_t flags, uint32_t source) { return SetTrace(Sink, flags), GetTraceFilter(source); };
-    EXPECT_TRUE(!pick(0, TRACE_SOURCE_PKCS11) && pick(C, TRACE_SOURCE_PKCS11) == M && !pick(C, TRACE_SOURCE_PLUGIN) &&
-                pick(P, TRACE_SOURCE_PKCS11) == M && pick(W, TRACE_SOURCE_PLUGIN) == L && !pick(W, 3) && pick(G, TRACE_SOURCE_PLUGIN) == L);
+    EXPECT_TRUE(!pick(0, K) && pick(C, K) == M && !pick(C, N) && pick(P, K) == M && pick(W, N) == L && !pick(W, 3) && pick(G, N) == L);
     g_sink.clear();
     L("Web - a longer line", 7);  // the stated length is trusted
     LogMessage("root '%s'", std::string(246, 'a').c_str());  // format and argument: 255 bytes
@@ -86,8 +87,7 @@ TEST(WrapperPKCS11, ForwardsNestsAndKeepsTheFirstModule) {
 
 TEST(WrapperPlugin, EachVariantForwardsUntilFinalizedAndClosed) {
     const std::string server = "SetProperty Server=file:///blank";
-    // Calls from SetTraceCallback, Initialize, Invoke("-7"), Finalize().
-    struct { const char* name; bool loads, starts; Lines calls; } variants[] = {
+    struct { const char* name; bool loads, starts; Lines calls; } variants[] = {  // calls: trace, start, Invoke, Finalize
         {"recording", 1, 1, {"SetTraceCallback set", "Initialize", server, "Invoke -7", "Finalize"}},
         {"no_trace", 1, 1, {"Initialize", server, "Invoke -7", "Finalize"}},
         {"no_enum", 0, 0, {}},  // a required export is missing: closed again
@@ -107,21 +107,21 @@ TEST(WrapperPlugin, EachVariantForwardsUntilFinalizedAndClosed) {
     }
 }
 
-// One start-up and shutdown per process: the wrappers are process-wide.  moduleFirst: the module was started
-// alone before; startMessages follow "Current root"; lastCall: the record's after the shutdown.
+// One start-up and shutdown per process (the wrappers are process-wide); messages after "Current root".
 struct Scenario { const char *module, *plugin; uint32_t selection; bool moduleFirst; int32_t started; Lines startMessages;
                   int32_t stopped; Lines stopMessages; std::string lastCall; };
 void PrintTo(const Scenario& s, std::ostream* out) { *out << s.module << "+" << s.plugin << "/" << s.selection; }
 class Startup : public testing::TestWithParam<Scenario> {};
 
-const std::string kUp = "Pkcs#11 library successfully initialized", kPluginDown = "Plugin library finalized",
-                  kDown = "Pkcs#11 library successfully finalized", kNeed = "Need to load pkcs#11 library for environment variables";
+const std::string kUp = "Pkcs#11 library successfully initialized", kDown = "Pkcs#11 library successfully finalized",
+                  kPluginDown = "Plugin library finalized", kPluginFailed = "Plugin library initialize failed",
+                  kNeed = "Need to load pkcs#11 library for environment variables";
 INSTANTIATE_TEST_SUITE_P(Table, Startup, testing::ValuesIn(std::vector<Scenario>{
     {"", "recording", 3, 0, 6, {"Pkcs#11 library missing"}, 0, {kPluginDown}, ""},
     {"init_fails", "recording", 3, 0, 5, {"Pkcs#11 library initialize failed"}, 0, {kPluginDown}, "C_Initialize"},
     {"recording", "", 3, 0, 6, {kUp, "Plugin library missing", kPluginDown, kDown}, 0, {kPluginDown}, "C_Finalize"},
-    {"recording", "init_fails", 3, 0, 6, {kUp, "Plugin library initialize failed", kPluginDown, kDown}, 0, {kPluginDown}, "C_Finalize"},
-    {"recording", "init_fails", 2, 1, 6, {kNeed, "Plugin library initialize failed"}, 0, {kPluginDown, kDown}, "C_Finalize"},
+    {"recording", "init_fails", 3, 0, 6, {kUp, kPluginFailed, kPluginDown, kDown}, 0, {kPluginDown}, "C_Finalize"},
+    {"recording", "init_fails", 2, 1, 6, {kNeed, kPluginFailed}, 0, {kPluginDown, kDown}, "C_Finalize"},  // module started before
     {"finalize_fails", "", 1, 0, 0, {kUp}, 0x30, {kPluginDown, "Pkcs#11 library finalize failed"}, "C_Finalize"},
     {"already_initialized", "", 1, 0, 0, {kUp}, 0, {kPluginDown, kDown}, "C_Initialize"},
     {"recording", "recording", 2, 0, 0, {kNeed, "Plugin library successfully initialized"}, 0, {kPluginDown}, "Finalize"},
