@@ -13,6 +13,7 @@
 
 #include "app/developer.h"
 #include "app/host_state.h"
+#include "app/sandbox.h"
 #include "app/script_calls.h"
 #include "bridge/bridge_server.h"
 #include "bridge/origins.h"
@@ -36,13 +37,16 @@ void HandleGatedRequest(const BridgeRequest& request, BridgeReply* reply) {
     HandleBridgeRequest(request, reply);
 }
 
+bool g_sandboxed = false;
+
 void OnInitializeWebExtensions(WebKitWebContext* context, gpointer) {
-    BridgeServerStart(HandleGatedRequest);
     StartupData data;
     BridgeFillStartupData(&data);
     data.flags = DeveloperMode() ? uint32_t(STARTUP_DEVELOPER) : 0u;
     data.trustedOrigins = TrustedOrigins();
-    data.hostPid = static_cast<uint32_t>(getpid());
+    // In the sandbox's own process namespace the host's pid is not visible;
+    // the peer's uid is still checked there.
+    data.hostPid = g_sandboxed ? 0 : static_cast<uint32_t>(getpid());
     webkit_web_context_set_web_extensions_initialization_user_data(context, MakeStartupData(data));
 }
 
@@ -155,6 +159,10 @@ void PrepareWebContext() {
     if (FindExtensionDirectory(directory, sizeof directory)) {
         webkit_web_context_set_web_extensions_directory(context, directory);
     }
+    // The bridge's directory must exist before the first web process, so
+    // that the sandbox can let the extension reach it.
+    BridgeServerStart(HandleGatedRequest);
+    g_sandboxed = EnableSandbox(context, BridgeDirectory());
     g_signal_connect(context, "initialize-web-extensions", G_CALLBACK(OnInitializeWebExtensions), nullptr);
     if (AutomationMode()) {
         webkit_web_context_set_automation_allowed(context, TRUE);

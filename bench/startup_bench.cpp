@@ -2,7 +2,8 @@
 // opening the same local page, side by side in one run (alternating, medians):
 // time from exec to the page's load event (the page pings a loopback server)
 // and to the first paint of the page's colour on screen (read back from X),
-// and the PSS of the process and its WebKit processes after the load.
+// and the PSS of the process and its WebKit processes after the load; and
+// the host against itself with WebKit's sandbox switched off.
 // Needs DISPLAY on a 24-bit screen with a black root (run.sh).
 #include <X11/Xlib.h>
 #include <X11/Xutil.h>
@@ -184,12 +185,17 @@ int main(int argc, char** argv) {
     std::vector<std::string> host = {buildDir + "/bin/kavori-host", "-url", url, "-root",
                                      buildDir + "/tests/fixtures/plugins/recording"};
     std::vector<std::string> surf = {"surf", url};
-    std::vector<double> hostLoad, hostPaint, hostPss, surfLoad, surfPaint, surfPss;
-    for (int i = 0; i < runs; ++i) {  // A, B, A, B
+    // The same host with WebKit's sandbox switched off by WebKit's own variable.
+    std::vector<std::string> open = {"env", "WEBKIT_DISABLE_SANDBOX_THIS_IS_DANGEROUS=1"};
+    open.insert(open.end(), host.begin(), host.end());
+    std::vector<double> hostLoad, hostPaint, hostPss, surfLoad, surfPaint, surfPss, openLoad, openPaint, openPss;
+    for (int i = 0; i < runs; ++i) {  // A, B, C, A, B, C
         Run a = Measure(display, host, beacon, colour);
         Run b = Measure(display, surf, beacon, colour);
+        Run c = Measure(display, open, beacon, colour);
         hostLoad.push_back(a.load), hostPaint.push_back(a.paint), hostPss.push_back(a.pss);
         surfLoad.push_back(b.load), surfPaint.push_back(b.paint), surfPss.push_back(b.pss);
+        openLoad.push_back(c.load), openPaint.push_back(c.paint), openPss.push_back(c.pss);
     }
     double hl = Median(hostLoad), hp = Median(hostPaint), hm = Median(hostPss);
     double sl = Median(surfLoad), sp = Median(surfPaint), sm = Median(surfPss);
@@ -197,6 +203,9 @@ int main(int argc, char** argv) {
     printf("start-up to first paint: host %.0f ms, surf %.0f ms, ratio %.2f (goal <= 0.90)\n", hp, sp, hp / sp);
     printf("memory after load (PSS, all processes): host %.1f MiB, surf %.1f MiB, ratio %.2f (goal <= 1.00)\n", hm, sm,
            hm / sm);
+    double ol = Median(openLoad), op = Median(openPaint), om = Median(openPss);
+    printf("sandbox cost: load %.0f / %.0f ms (%.2f), first paint %.0f / %.0f ms (%.2f), PSS %.1f / %.1f MiB (%.2f)\n",
+           hl, ol, hl / ol, hp, op, hp / op, hm, om, hm / om);
     XCloseDisplay(display);
     return 0;
 }

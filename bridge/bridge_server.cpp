@@ -307,6 +307,8 @@ const std::string& BridgeSocketPath() {
     return g_socketPath ? *g_socketPath : empty;
 }
 
+const char* BridgeDirectory() { return g_directory ? g_directory->c_str() : ""; }
+
 void BridgeServerStop() {
     if (g_connections) {
         while (!g_connections->empty()) CloseConnection(g_connections->back());

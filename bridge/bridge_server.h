@@ -16,6 +16,8 @@ bool BridgeServerStart(BridgeHandler handler);
 // The socket path and token for the extension's start-up data.
 void BridgeFillStartupData(StartupData* data);
 const std::string& BridgeSocketPath();
+// The private directory holding the socket ("" before the start).
+const char* BridgeDirectory();
 // Closes every connection and removes the socket and its directory.
 void BridgeServerStop();
 // Only removes the socket file and directory; safe after fork and at exit.

@@ -1,6 +1,7 @@
 // The fixed places of an installation that the host reads: HOME, the
 // system-wide program, configuration directory and library directory, the
-// global configuration file and the operating system's description.  Every
+// global configuration file, the operating system's description, and the
+// programs WebKit's sandbox needs.  Every
 // reader asks here.  The host always uses the real places; only a test can
 // move them below a directory of its own, and the host never does.
 #pragma once
@@ -11,6 +12,8 @@ enum SystemPlace {
     PLACE_LIBRARY_DIR,      // "/usr/lib/", the default library directory
     PLACE_GLOBAL_CONFIG,    // "/etc/kvo.conf"
     PLACE_OS_DESCRIPTION,   // "/etc/issue.net"
+    PLACE_BWRAP,            // "/usr/bin/bwrap", as WebKit's sandbox runs it
+    PLACE_DBUS_PROXY,       // "/usr/bin/xdg-dbus-proxy", likewise
     PLACE_COUNT
 };
 

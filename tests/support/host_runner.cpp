@@ -175,12 +175,20 @@ std::string ProgramOf(pid_t pid) {
 }
 
 std::vector<pid_t> WebProcessesOf(pid_t host) {
-    std::vector<pid_t> found;
+    // In WebKit's sandbox a web process is bubblewrap's child, not the host's.
+    std::vector<pid_t> family = {host}, found;
+    std::vector<std::pair<pid_t, pid_t>> parents;  // (pid, parent)
     for (const std::string& process : Glob("/proc/[0-9]*")) {
         // The parent follows the state after the name's closing parenthesis.
         std::string stat = ReadFileOr(process + "/stat");
-        pid_t pid = atoi(process.c_str() + 6), parent = atoi(stat.c_str() + std::min(stat.rfind(')') + 4, stat.size()));
-        if (parent == host && ProgramOf(pid) == "WebKitWebProcess") found.push_back(pid);
+        parents.push_back({atoi(process.c_str() + 6), atoi(stat.c_str() + std::min(stat.rfind(')') + 4, stat.size()))});
+    }
+    for (size_t i = 0; i < family.size(); ++i) {
+        for (const auto& p : parents) {
+            if (p.second != family[i]) continue;
+            family.push_back(p.first);
+            if (ProgramOf(p.first) == "WebKitWebProcess") found.push_back(p.first);
+        }
     }
     return found;
 }

@@ -83,6 +83,6 @@ private:
 
 std::vector<pid_t> ProcessesWithEnv(const std::string& entry);  // live ones, exactly this entry
 std::string ProgramOf(pid_t pid);  // argv[0]'s last component; "" once gone (or a zombie)
-std::vector<pid_t> WebProcessesOf(pid_t host);  // its live WebKitWebProcess children
+std::vector<pid_t> WebProcessesOf(pid_t host);  // its live WebKitWebProcess descendants
 
 }  // namespace kvotest

@@ -1,0 +1,17 @@
+// WebKit's bubblewrap sandbox for the web processes: a page that takes over
+// its web process still cannot read the user's files.  Where bubblewrap
+// cannot run (no user namespaces, a missing program), pages run without it
+// and the host says so once on stderr: a dialog that does not appear helps
+// nobody.
+#pragma once
+
+typedef struct _WebKitWebContext WebKitWebContext;
+
+// Whether bubblewrap runs here: the programs WebKit uses exist (the D-Bus
+// proxy only matters with a session bus), and a trial run in fresh
+// namespaces succeeds.
+bool SandboxUsable();
+// Turns the sandbox on for the context when usable, with the bridge's
+// directory (where the web extension connects) added to it.  Must come
+// before the first web process.  True when web processes will be sandboxed.
+bool EnableSandbox(WebKitWebContext* context, const char* bridgeDirectory);
