@@ -34,16 +34,8 @@ protected:
 };
 
 TEST_F(Examples, DemoDialogCancelsWithEscapeAndLogsInAfterAWrongPin) {
-    for (const char* file : {"/usr/lib/softhsm/libsofthsm2.so", "/usr/bin/softhsm2-util", "/usr/bin/xdotool"}) {
-        if (!FileExists(file)) SkipTest(std::string(file) + " is not installed");
-    }
     TempDir token;
-    MakeDirs(token.file("tokens"));
-    WriteFile(token.file("conf"), "directories.tokendir = " + token.file("tokens") + "\nlog.level = ERROR\n");
-    setenv("SOFTHSM2_CONF", token.file("conf").c_str(), 1);  // for the hosts too
-    std::string out;
-    ASSERT_EQ(0, RunProcess({"/usr/bin/softhsm2-util", "--init-token", "--free", "--label", "Kavori Demo", "--pin",
-                             "123456", "--so-pin", "12345678"}, {}, 30000, &out)) << out;
+    MakeSoftToken(token);
 
     HostProcess& cancelled = Dialog({});
     Type("12", "Escape");

@@ -110,7 +110,7 @@ pid_t StartProcess(const std::vector<std::string>& argv, const std::vector<std::
     std::vector<char*> args;
     for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
     args.push_back(nullptr);
-    execv(args[0], args.data());
+    execvp(args[0], args.data());  // a bare name along the PATH given in env
     _exit(127);
 }
 

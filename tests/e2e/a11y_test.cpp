@@ -1,0 +1,76 @@
+// The demo PIN dialog as a screen reader meets it, through AT-SPI, with the
+// web process in WebKit's sandbox: the password field by its accessible
+// name, the dialog's buttons, a PIN typed into the field focused through
+// AT-SPI, and the unlock button pressed through its action.  Run under
+// dbus-run-session (tests/e2e/CMakeLists.txt), which gives the session bus.
+#include <atspi/atspi.h>
+
+#include <cstdlib>
+
+#include "tests/e2e/e2e.h"
+
+namespace kvotest {
+namespace {
+
+// Depth first: the first accessible below node with this role and name (a new reference).
+AtspiAccessible* Find(AtspiAccessible* node, AtspiRole role, const std::string& name, int depth = 0) {
+    gchar* own = atspi_accessible_get_name(node, nullptr);
+    bool match = atspi_accessible_get_role(node, nullptr) == role && own && name == own;
+    g_free(own);
+    if (match) return static_cast<AtspiAccessible*>(g_object_ref(node));
+    int count = depth < 40 ? atspi_accessible_get_child_count(node, nullptr) : 0;
+    AtspiAccessible* found = nullptr;
+    for (int i = 0; i < count && !found; ++i) {
+        AtspiAccessible* child = atspi_accessible_get_child_at_index(node, i, nullptr);
+        if (child) found = Find(child, role, name, depth + 1);
+        if (child) g_object_unref(child);
+    }
+    return found;
+}
+
+AtspiAccessible* FindIn(pid_t pid, AtspiRole role, const std::string& name) {
+    AtspiAccessible* found = nullptr;
+    PollUntil([&] {
+        AtspiAccessible* desktop = atspi_get_desktop(0);
+        for (int i = 0; !found && i < atspi_accessible_get_child_count(desktop, nullptr); ++i) {
+            AtspiAccessible* app = atspi_accessible_get_child_at_index(desktop, i, nullptr);
+            if (app && pid_t(atspi_accessible_get_process_id(app, nullptr)) == pid) found = Find(app, role, name);
+            if (app) g_object_unref(app);
+        }
+        g_object_unref(desktop);
+        return found != nullptr;
+    }, 30000);
+    return found;
+}
+
+TEST_F(RealHost, ThePinDialogIsUsableThroughAtSpi) {
+    const char* bus = getenv("DBUS_SESSION_BUS_ADDRESS");
+    if (!bus) SkipTest("no session bus: run under dbus-run-session");
+    TempDir token;
+    MakeSoftToken(token);
+    if (atspi_init() < 0) SkipTest("AT-SPI cannot start");
+    HostProcess& host = Add();
+    host.env = {std::string("DBUS_SESSION_BUS_ADDRESS=") + bus};
+    ASSERT_TRUE(host.Open("file://" + SourceDir() + "/examples/dialog/pin.html",
+                          {"-size", std::to_string((420 << 16) | (400 + 30)), "-root", BuildDir() + "/examples/demo",
+                           "-key", "Kavori Demo"}));
+    EXPECT_FALSE(Has(host.output(), "without WebKit's sandbox")) << host.output();
+    AtspiAccessible* field = FindIn(host.pid(), ATSPI_ROLE_PASSWORD_TEXT, "PIN");
+    AtspiAccessible* cancel = FindIn(host.pid(), ATSPI_ROLE_PUSH_BUTTON, "Cancel");
+    AtspiAccessible* unlock = FindIn(host.pid(), ATSPI_ROLE_PUSH_BUTTON, "Unlock");
+    ASSERT_TRUE(field && cancel && unlock) << host.output();
+    // Focus through AT-SPI, then keys as a keyboard user types them.
+    x.Query({"xdotool", "windowfocus", "--sync", std::to_string(host.Window())});
+    ASSERT_TRUE(atspi_component_grab_focus(atspi_accessible_get_component_iface(field), nullptr));
+    ASSERT_TRUE(PollUntil([&] { return atspi_state_set_contains(atspi_accessible_get_state_set(field), ATSPI_STATE_FOCUSED); }));
+    x.Query({"xdotool", "type", "--delay", "30", "123456"});
+    AtspiAction* press = atspi_accessible_get_action_iface(unlock);
+    ASSERT_TRUE(press && atspi_action_get_n_actions(press, nullptr) > 0);
+    ASSERT_TRUE(atspi_action_do_action(press, 0, nullptr));
+    EXPECT_EQ("CKR_OK", host.Result());
+    for (AtspiAccessible* a : {field, cancel, unlock}) g_object_unref(a);
+    g_object_unref(press);
+}
+
+}  // namespace
+}  // namespace kvotest
