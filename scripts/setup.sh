@@ -9,6 +9,8 @@ packages=(
   libgtest-dev googletest
   xvfb xauth x11-utils xdotool imagemagick openbox
   webkit2gtk-driver python3-selenium
+  bubblewrap xdg-dbus-proxy
+  dbus-daemon at-spi2-core libatspi2.0-dev
   softhsm2 opensc
   clang libclang-rt-14-dev
 )
