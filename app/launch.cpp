@@ -10,7 +10,10 @@
 
 namespace {
 constexpr uint32_t kPathSize = 256;
-}
+void (*g_pause)(uint32_t microseconds) = SleepUnlessTerminated;
+}  // namespace
+
+void SetLaunchPauseForTests(void (*pause)(uint32_t microseconds)) { g_pause = pause ? pause : SleepUnlessTerminated; }
 
 void LaunchAdminProgram() {
     char path[kPathSize];
@@ -39,8 +42,7 @@ void RestartHost() {
     _exit(0);
 }
 
-void RunMaintenanceScriptWaiting(const char* name, bool search, uint32_t firstSleepUs, uint32_t polls,
-                                 uint32_t pollSleepUs) {
+void RunMaintenanceScript(const char* name, bool search) {
     char path[kPathSize];
     if (!FindMaintenanceScript(name, search, path, sizeof path)) return;
     pid_t pid = fork();
@@ -50,13 +52,9 @@ void RunMaintenanceScriptWaiting(const char* name, bool search, uint32_t firstSl
         execl(path, path, static_cast<char*>(nullptr));
         _exit(0);
     }
-    SleepUnlessTerminated(firstSleepUs);
-    for (uint32_t poll = 0; poll < polls && !TerminatedBySignal(); ++poll) {
+    g_pause(100000);
+    for (int poll = 0; poll < 100 && !TerminatedBySignal(); ++poll) {
         if (waitpid(pid, nullptr, WNOHANG) > 0) return;
-        SleepUnlessTerminated(pollSleepUs);
+        g_pause(999000);
     }
-}
-
-void RunMaintenanceScript(const char* name, bool search) {
-    RunMaintenanceScriptWaiting(name, search, 100000, 100, 999000);
 }

@@ -9,9 +9,10 @@ void LaunchAdminProgram();
 // Removes the bridge's socket directory and ends this process once the new
 // one is started; returns only when it could not be created.
 void RestartHost();
-// Runs the script and waits 0.1 s, then polls up to 100 times every 0.999 s.
+// Runs the script and waits for it: 0.1 s, then up to 100 polls 0.999 s
+// apart, so at most about 100 s; a termination signal ends the wait.
 void RunMaintenanceScript(const char* name, bool search);
 
-// The same with another wait; for tests only (the host never calls it).
-void RunMaintenanceScriptWaiting(const char* name, bool search, uint32_t firstSleepUs, uint32_t polls,
-                                 uint32_t pollSleepUs);
+// Tests only (the host never calls it): the wait's pauses go to pause
+// instead of sleeping; null gives the real pauses back.
+void SetLaunchPauseForTests(void (*pause)(uint32_t microseconds));

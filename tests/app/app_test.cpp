@@ -1,5 +1,6 @@
 // The application shell's units, without a window; the installation's places come from HOME and from system
 // places moved below a directory of the test.
+#include <algorithm>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -203,8 +204,16 @@ TEST_F(Places, ScriptsTheTestOptionAndTheAdminProgramRunInSessionsOfTheirOwn) {
         EXPECT_EQ(RunTestOption(value), 0);  // only the exact values run a script
     }
     chmod((home + "/.kvo/repair").c_str(), 0775);  // others could have changed it: not run
-    RunMaintenanceScriptWaiting("repair", true, 0, 100, 10000);  // until reaped, at most a second
-    RunMaintenanceScriptWaiting("repair", false, 0, 100, 10000);
+    static std::vector<uint32_t> pauses;  // the wait's: 0.1 s, then polls 0.999 s apart, 100 at most
+    SetLaunchPauseForTests([](uint32_t us) { pauses.push_back(us); usleep(pauses.size() > 2 ? 0 : 100000); });
+    RunMaintenanceScript("repair", true);  // reaped at the first poll
+    EXPECT_EQ(pauses, (std::vector<uint32_t>{100000}));
+    RunMaintenanceScript("repair", false);
+    PutFile(system + "/.uninstall", "#!/bin/sh\nsleep 3\n", 0700);  // outlasts the polls
+    RunMaintenanceScript("uninstall", false);
+    EXPECT_EQ(pauses.size(), 103u);
+    EXPECT_EQ(std::count(pauses.begin() + 2, pauses.end(), 999000u), 100);
+    SetLaunchPauseForTests(nullptr);
     Probe(system + "/usr/bin/kvo");
     LaunchAdminProgram();
     for (int i = 0; i < 500 && waitpid(-1, nullptr, WNOHANG) == 0; ++i) usleep(10000);
