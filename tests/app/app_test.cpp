@@ -2,6 +2,7 @@
 // places moved below a directory of the test.
 #include <algorithm>
 #include <gtest/gtest.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,6 +18,7 @@
 #include "app/options.h"
 #include "app/paths.h"
 #include "app/result_store.h"
+#include "app/sandbox.h"
 #include "app/start_url.h"
 #include "app/user_agent.h"
 #include "native/plugin_session.h"
@@ -105,6 +107,9 @@ TEST(StartUrl, PrefixAndRedirectionFromThePluginAndLocalFilesAsFileUrls) {
     for (const char* kept : {"missing.html", "folder", "http://x/folder/page.html", ""}) EXPECT_EQ(FileUrlForLocalPath(kept), kept);
     std::unique_ptr<const char[]> fileUrl(FileUrlForLocalPath("folder/page.html"));
     EXPECT_EQ(fileUrl.get(), "file://" + dir.path() + "/folder/page.html");
+    ASSERT_EQ(symlink("folder/page.html", dir.file("link.html").c_str()), 0);  // opened as given: resources beside it
+    std::unique_ptr<const char[]> linkUrl(FileUrlForLocalPath("./link.html"));
+    EXPECT_EQ(linkUrl.get(), "file://" + dir.path() + "/link.html");
 }
 
 TEST(Result, SuccessWordsGiveWayToTheSuccessTextAndTheFileHoldsExactlyTheText) {
@@ -121,6 +126,41 @@ TEST(Result, SuccessWordsGiveWayToTheSuccessTextAndTheFileHoldsExactlyTheText) {
     WriteFile(dir.file("result"), "an older and longer content\n");
     StoreResult(dir.file("result").c_str());
     EXPECT_EQ(ReadFileOr(dir.file("result")), "OK ");  // the bytes alone
+}
+
+// Never through a symlink nor into someone else's file, whole or not at all,
+// new files private; a FIFO the caller names still gets it; a failure is said.
+TEST(Result, OnlyWhereTheCallerMeantIt) {
+    TempDir dir;
+    ReleaseExitTexts();
+    g_exitResult = Copy("R");
+    PutFile(dir.file("victim"), "kept", 0600);
+    symlink(dir.file("victim").c_str(), dir.file("link").c_str());
+    PutFile(dir.file("theirs"), "kept", 0644);
+    bool other = getuid() == 0 && chown(dir.file("theirs").c_str(), 65534, 65534) == 0;
+    PutFile(dir.file("mine"), "old", 0640);
+    mkfifo(dir.file("fifo").c_str(), 0600);
+    pid_t reader = fork();
+    if (reader == 0) _exit(ReadFileOr(dir.file("fifo")) == "R" ? 0 : 1);
+    int saved = dup(2), err = open(dir.file("err").c_str(), O_WRONLY | O_CREAT, 0600);
+    dup2(err, 2);
+    for (const char* name : {"link", "theirs", "mine", "new", "fifo"}) StoreResult(dir.file(name).c_str());
+    StoreResult("/dev/full");
+    dup2(saved, 2);
+    int status = -1;
+    waitpid(reader, &status, 0);
+    EXPECT_EQ(status, 0);
+    struct stat st = {};
+    EXPECT_EQ(lstat(dir.file("link").c_str(), &st) == 0 && S_ISLNK(st.st_mode), true);
+    EXPECT_EQ(ReadFileOr(dir.file("victim")) + ReadFileOr(dir.file("mine")) + ReadFileOr(dir.file("new")), "keptRR");
+    EXPECT_TRUE(!other || ReadFileOr(dir.file("theirs")) == "kept");
+    EXPECT_EQ(stat(dir.file("new").c_str(), &st) == 0 ? st.st_mode & 0777 : 0, 0600u);
+    EXPECT_EQ(stat(dir.file("mine").c_str(), &st) == 0 ? st.st_mode & 0777 : 0, 0640u);
+    std::vector<std::string> said = ReadLines(dir.file("err"));
+    EXPECT_EQ(said.size(), other ? 3u : 2u);  // link, theirs (as root), /dev/full
+    EXPECT_EQ(said.back(), "kavori-host: the result was not stored in /dev/full: No space left on device");
+    EXPECT_EQ(RunProcess({"/bin/sh", "-c", "ls " + dir.path() + " | wc -l"}, {}, 5000, &said.back()), 0);
+    EXPECT_EQ(said.back(), "7\n");  // no temporary file left behind
 }
 
 TEST(AppCommands, PackedSizesAndNamesThatIgnoreLetterCaseButNotBlanks) {
@@ -193,6 +233,21 @@ TEST_F(Places, PathsInTheirOrder) {
         LazyStartRoot(out, sizeof out);
         EXPECT_EQ(out, r.second) << r.first;
     }
+}
+
+TEST_F(Places, TheSandboxOnlyWhereBubblewrapRuns) {
+    const std::string bwrap = system + "/usr/bin/bwrap", proxy = system + "/usr/bin/xdg-dbus-proxy";
+    setenv("DBUS_SESSION_BUS_ADDRESS", "disabled:", 1);  // no bus: no proxy needed
+    EXPECT_FALSE(SandboxUsable());
+    PutFile(bwrap, "#!/bin/sh\nexit 1\n", 0755);  // no namespaces to be had
+    EXPECT_FALSE(SandboxUsable());
+    PutFile(bwrap, "#!/bin/sh\n[ \"$1\" = --unshare-all ] && exec \"$6\"\n", 0755);
+    EXPECT_TRUE(SandboxUsable());
+    setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nowhere", 1);
+    EXPECT_FALSE(SandboxUsable());
+    PutFile(proxy, "", 0755);
+    EXPECT_TRUE(SandboxUsable());
+    unsetenv("DBUS_SESSION_BUS_ADDRESS");
 }
 
 TEST_F(Places, ScriptsTheTestOptionAndTheAdminProgramRunInSessionsOfTheirOwn) {

@@ -16,6 +16,7 @@
 
 #include "bridge/bridge_server.h"
 #include "bridge/extension/channel_client.h"
+#include "bridge/extension/console_line.h"
 #include "bridge/extension/script_object.h"
 #include "tests/support/support.h"
 
@@ -127,7 +128,8 @@ TEST_F(Server, BrokenPeersAreClosedAlone) {
         {"second hello", [&](Peer& p) { p.Request(0, token), p.Request(0, token); }},
         {"zero length", [&](Peer& p) { p.Request(0, token), p.Send(std::string(4, '\0')); }},
         {"over the limit", [&](Peer& p) { p.Request(0, token), p.Send(std::string((char*)&overLimit, 4)); }},
-        {"a reply", [&](Peer& p) { p.Request(0, token), p.Send(EncodeReply(BridgeReply())); }}};
+        {"a reply", [&](Peer& p) { p.Request(0, token), p.Send(EncodeReply(BridgeReply())); }},
+        {"longer than a hello, before it", [&](Peer& p) { uint32_t n = 1000; p.Send(std::string((char*)&n, 4)); }}};
     for (auto& offender : offenders) {
         bool closed = false, served = false;
         g_handled = 0;
@@ -176,6 +178,18 @@ TEST_F(Server, APeerOfAnotherUserIsRefused) {
     EXPECT_TRUE(status == 0 && g_handled == 0);
 }
 
+TEST_F(Server, TheExtensionSpeaksOnlyToTheHostsProcess) {
+    bool other = true, host = false;
+    WithPeers([&] {
+        ChannelConfigure(BridgeSocketPath(), token, getpid() + 1);  // someone else listens: no token, no request
+        other = Echoes("a");
+        ChannelConfigure(BridgeSocketPath(), token, getpid());
+        ChannelReset();
+        host = Echoes("b");
+    });
+    EXPECT_TRUE(!other && host && g_handled == 1) << other << host << g_handled;
+}
+
 TEST_F(Server, TheChannelStaysLostOnceLost) {
     bool first = false, lost = true, reset = false;
     WithPeers([&] {
@@ -189,6 +203,14 @@ TEST_F(Server, TheChannelStaysLostOnceLost) {
         reset = Echoes("d") && Echoes("e");
     });
     EXPECT_TRUE(first && !lost && reset) << first << lost << reset;
+}
+
+TEST(ScriptObject, ConsoleLinesNameTheirOriginAndEscapeWhatATerminalWouldObey) {
+    const char* rows[][3] = {
+        {"https://a.example:8443/p.html", "plain é", "[https://a.example:8443] https://a.example:8443/p.html:7: plain é"},
+        {"file:///d/p.html", "\x1b[31mred\nkvo-scripted: forged", "[file://] file:///d/p.html:7: \\x1b[31mred\\x0akvo-scripted: forged"},
+        {nullptr, "a\\b\x7f\xc2\x9b\t", "[null] :7: a\\\\b\\x7f\\x9b\\x09"}, {"about:blank", "", "[null] about:blank:7: "}};
+    for (const auto& r : rows) EXPECT_EQ(ConsoleLine("console.log", r[0], 7, r[1]), std::string("console.log: ") + r[2] + "\n");
 }
 
 std::string g_requests;  // one line a request: operation, texts ('-': absent), count, number
