@@ -90,8 +90,12 @@ TEST_F(Commands, ResizeReloadAndTheMaintenanceScripts) {
 TEST_F(Commands, RestartRunsTheSameCommandLineAndLeavesOnlyTheNewHost) {
     ASSERT_EQ(0, prctl(PR_SET_CHILD_SUBREAPER, 1));  // the new host becomes ours when the first ends
     HostProcess& host = Add();
+    // Started by its bare name along PATH, beside a planted program of that name in the working
+    // directory: the restart runs the program that runs, never the planted one.
+    host.env = {"PATH=" + HostBinary().substr(0, HostBinary().rfind('/')) + ":/usr/bin:/bin"};
+    Script(m_cwd.file("kavori-host"), "planted");
     // gtk_init takes --class out of its own vector; the restart must pass it on all the same.
-    std::vector<std::string> argv = {HostBinary(), "--class", "KvoRestart", "-url",
+    std::vector<std::string> argv = {"kavori-host", "--class", "KvoRestart", "-url",
                                      PageUrl("restart.html?" + host.recordPath()), "-root", PluginDir("recording"),
                                      "-key", "k", "-store", host.storePath()};
     ASSERT_TRUE(host.StartArgv(argv));
@@ -115,6 +119,7 @@ TEST_F(Commands, RestartRunsTheSameCommandLineAndLeavesOnlyTheNewHost) {
     EXPECT_EQ(2, CountOf(host.Record(), "SetProperty Key=k"));
     EXPECT_EQ(0, CountOf(host.Record(), "SetProperty Key="));
     EXPECT_EQ("<none>", host.LastSet("Restart"));
+    EXPECT_FALSE(FileExists(host.home() + "/log"));
     // The new one is a dialog like any other, and nothing of either is left.
     ASSERT_TRUE(x.SendDeleteWindow(window));
     EXPECT_EQ(0, WaitProcess(second, 20000));

@@ -1,0 +1,59 @@
+// What a careless page, a framed page or a hostile environment tries
+// against a real host: script that runs on after exit, a signal during
+// start-up, frames of a trusted origin that are not what their URL says,
+// the clipboard, and WebKit's sandbox keeping the web process out of HOME.
+#include <signal.h>
+
+#include "tests/e2e/e2e.h"
+
+namespace kvotest {
+namespace {
+
+using Hardening = RealHost;
+
+TEST_F(Hardening, ExitEndsTheScriptTurnAndSignalsEndStartUp) {
+    HostProcess& turn = Open("exit_turn.html");
+    HostProcess& spin = Open("spin.html");
+    HostProcess& waiting = Open("idle.html", {"-wait", "60000000"});
+    ASSERT_TRUE(PollUntil([&] { return !waiting.SocketDirectories().empty() && !WebProcessesOf(waiting.pid()).empty(); }));
+    ASSERT_EQ(0, kill(waiting.pid(), SIGTERM));
+    EXPECT_EQ("<no file>", waiting.Result(10000));
+    EXPECT_EQ("", waiting.Leftovers());
+    EXPECT_EQ("SECOND", turn.Result());  // the later exit's, after the rest of the turn
+    EXPECT_EQ("1", turn.LastSet("After"));
+    EXPECT_EQ("SPUN", spin.Result());  // ended by the host's bound, not the page
+}
+
+TEST_F(Hardening, KavoriOnlyForDocumentsWhoseOriginAndAncestorsAreTrusted) {
+    HostProcess& server = Add();
+    std::string port;
+    ASSERT_TRUE(server.StartArgv({"/usr/bin/python3", SourceDir() + "/tests/fixtures/pages/trust/serve.py", server.dir() + "/port"}));
+    ASSERT_TRUE(PollUntil([&] { return !(port = ReadFileOr(server.dir() + "/port")).empty(); })) << server.output();
+    const std::string site = "http://127.0.0.1:" + port + "/trust/", trusted = "KAVORI_TRUSTED_ORIGINS=http://127.0.0.1:" + port;
+    HostProcess& top = Open(site + "top.html", {}, {trusted});
+    HostProcess& sandboxed = Open(site + "csp-top.html", {}, {trusted});
+    EXPECT_EQ("ok", top.Result());
+    EXPECT_TRUE(Has(ReadUntil([&] { return sandboxed.output(); }, "refused"), "refused navigation to " + site + "csp-top.html"));
+    EXPECT_EQ("<none>", sandboxed.LastSet("Served"));
+}
+
+TEST_F(Hardening, TheWebProcessSeesNoHomeInTheSandboxAndWithoutBubblewrapTheDialogStillRuns) {
+    HostProcess& boxed = Open("idle.html");
+    HostProcess& open = Add();  // bubblewrap replaced by /bin/false in a private mount namespace
+    ASSERT_TRUE(open.StartArgv({"/usr/bin/unshare", "-m", "--propagation", "private", "/bin/sh", "-c",
+                                "mount --bind /bin/false /usr/bin/bwrap 2>/dev/null || exit 77; exec \"$@\"", "sh",
+                                HostBinary(), "-url", PageUrl("idle.html"), "-root", PluginDir("recording")}));
+    for (HostProcess* host : {&boxed, &open}) {
+        PutFile(host->home() + "/marker", "");
+        ASSERT_TRUE(PollUntil([&] { return !host->Running() || host->WaitForRecord("SetProperty Seen=" + PageUrl("idle.html"), 1, 100); }));
+        if (host == &open && !open.Running()) SkipTest("no private mount namespace to hide bubblewrap in");
+        std::vector<pid_t> web = WebProcessesOf(host->pid());
+        ASSERT_EQ(1u, web.size()) << host->output();
+        EXPECT_TRUE(FileExists("/proc/" + std::to_string(host->pid()) + "/root" + host->home() + "/marker"));
+        EXPECT_EQ(host == &open, FileExists("/proc/" + std::to_string(web[0]) + "/root" + host->home() + "/marker"));
+        EXPECT_EQ(host == &open, Has(host->output(), "run without WebKit's sandbox")) << host->output();
+    }
+}
+
+}  // namespace
+}  // namespace kvotest
