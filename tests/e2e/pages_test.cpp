@@ -43,6 +43,7 @@ TEST_F(Pages, ForDialogAuthorsTheConsoleTheScriptedPluginAndTrustedOrigins) {
                                     "console.error: [file://] " + page + ":8: ReferenceError"}) {
         EXPECT_TRUE(Has(good.output(), line)) << line << "\n" << good.output();
     }
+    EXPECT_FALSE(Has(good.output(), "1234") || Has(good.output(), "9999")) << good.output();  // commands: first word only
     EXPECT_TRUE(Has(bad.Result(), "holder: \"\"")) << bad.output();
     EXPECT_FALSE(Has(bad.output(), "console.")) << bad.output();  // not in developer mode
     EXPECT_TRUE(Has(bad.output(), answers + "_malformed.json:2:")) << bad.output();  // named with its line
