@@ -13,7 +13,11 @@ namespace {
 constexpr size_t kMaxAnswer = kMaxFrameSize - 64;
 
 void SetAnswer(const char* answer, BridgeReply* reply) {
-    if (answer && strlen(answer) <= kMaxAnswer) reply->text = std::string(answer);
+    if (!answer) return;
+    // Measured once (a long answer's length is a pass over all of it), and
+    // no further than the limit.
+    size_t size = strnlen(answer, kMaxAnswer + 1);
+    if (size <= kMaxAnswer) reply->text.emplace(answer, size);
 }
 
 }  // namespace
