@@ -22,7 +22,11 @@ void OnWindowObjectCleared(WebKitScriptWorld* world, WebKitWebPage*, WebKitFrame
     G_GNUC_BEGIN_IGNORE_DEPRECATIONS
     JSGlobalContextRef context = webkit_frame_get_javascript_context_for_script_world(frame, world);
     G_GNUC_END_IGNORE_DEPRECATIONS
-    if (context) InstallScriptObject(context);
+    if (!context) return;
+    InstallScriptObject(context);
+    JSCContext* glibContext = webkit_frame_get_js_context_for_script_world(frame, world);
+    LinkGlibContext(context, glibContext, G_OBJECT(frame));
+    g_object_unref(glibContext);
 }
 
 const char* LevelName(WebKitConsoleMessageLevel level) {
