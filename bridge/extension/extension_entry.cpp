@@ -15,18 +15,21 @@ namespace {
 StartupData* g_startup = nullptr;
 
 void OnWindowObjectCleared(WebKitScriptWorld* world, WebKitWebPage*, WebKitFrame* frame, gpointer) {
-    if (!OriginTrusted(g_startup->trustedOrigins, webkit_frame_get_uri(frame))) return;
-    // The JavaScriptCore C API keeps the class table and function callbacks
-    // that the script object is made of; its frame accessor is deprecated
-    // in favour of the GObject wrapper, which has no static-function classes.
-    G_GNUC_BEGIN_IGNORE_DEPRECATIONS
-    JSGlobalContextRef context = webkit_frame_get_javascript_context_for_script_world(frame, world);
-    G_GNUC_END_IGNORE_DEPRECATIONS
-    if (!context) return;
-    InstallScriptObject(context);
-    JSCContext* glibContext = webkit_frame_get_js_context_for_script_world(frame, world);
-    LinkGlibContext(context, glibContext, G_OBJECT(frame));
-    g_object_unref(glibContext);
+    JSGlobalContextRef context = nullptr;
+    if (OriginTrusted(g_startup->trustedOrigins, webkit_frame_get_uri(frame))) {
+        // The JavaScriptCore C API keeps the class table and function callbacks
+        // that the script object is made of; its frame accessor is deprecated
+        // in favour of the GObject wrapper, which has no static-function classes.
+        G_GNUC_BEGIN_IGNORE_DEPRECATIONS
+        context = webkit_frame_get_javascript_context_for_script_world(frame, world);
+        G_GNUC_END_IGNORE_DEPRECATIONS
+    }
+    if (context) InstallScriptObject(context);
+    // The wrapper only makes long answers; the frame's previous document
+    // lets go of its own whatever this one gets.
+    JSCContext* glibContext = context ? webkit_frame_get_js_context_for_script_world(frame, world) : nullptr;
+    LinkGlibContext(G_OBJECT(frame), context, glibContext);
+    if (glibContext) g_object_unref(glibContext);
 }
 
 const char* LevelName(WebKitConsoleMessageLevel level) {

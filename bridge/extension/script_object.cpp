@@ -247,7 +247,12 @@ void InstallScriptObject(JSGlobalContextRef context) {
     JSStringRelease(name);
 }
 
-void LinkGlibContext(JSGlobalContextRef context, JSCContext* glibContext, GObject* owner) {
+void LinkGlibContext(GObject* owner, JSGlobalContextRef context, JSCContext* glibContext) {
+    static const char kKey[] = "kavori-glib-link";
+    if (!context || !glibContext) {
+        g_object_set_data(owner, kKey, nullptr);
+        return;
+    }
     if (!g_links) g_links = new std::vector<GlibLink*>;
     // Handed over through a global property while no script of the document
     // has run yet, then removed: afterwards only the two APIs know it.
@@ -260,12 +265,13 @@ void LinkGlibContext(JSGlobalContextRef context, JSCContext* glibContext, GObjec
     JSCValue* glibHolder = jsc_context_get_value(glibContext, kName);
     JSObjectDeleteProperty(context, global, name, nullptr);
     JSStringRelease(name);
-    if (!glibHolder || !jsc_value_is_object(glibHolder)) {
-        if (glibHolder) g_object_unref(glibHolder);
-        return;
+    GlibLink* link = nullptr;
+    if (glibHolder && jsc_value_is_object(glibHolder)) {
+        link = new GlibLink{context, JSC_CONTEXT(g_object_ref(glibContext)), glibHolder, holder};
+        g_links->push_back(link);
+    } else if (glibHolder) {
+        g_object_unref(glibHolder);
     }
-    GlibLink* link = new GlibLink{context, JSC_CONTEXT(g_object_ref(glibContext)), glibHolder, holder};
-    g_links->push_back(link);
-    // A new document in the frame, or the frame's end, drops the old link.
-    g_object_set_data_full(owner, "kavori-glib-link", link, DropLink);
+    // Drops the previous document's link; the frame's end drops this one.
+    g_object_set_data_full(owner, kKey, link, link ? DropLink : nullptr);
 }

@@ -16,14 +16,15 @@ void SetScriptTransport(ScriptTransport transport);
 // Publishes a fresh Kavori object on the context's global object.
 void InstallScriptObject(JSGlobalContextRef context);
 
-// Lets the functions of this context make long answers through the GLib
-// API's wrapper of the same context (the C API turns every string into
-// UTF-16 first: milliseconds per megabyte).  `owner`, the frame, keeps the
-// link until its next document or its end; without one, answers take the
-// C API.  Call before any script of the document runs.
+// Lets the functions of `context` make long answers through `glibContext`,
+// the GLib API's wrapper of the same context (the C API turns every string
+// into UTF-16 first: milliseconds per megabyte).  The link replaces the one
+// `owner` (the frame) held for its previous document; null contexts only
+// drop that.  Without a link answers take the C API.  Call before any
+// script of the document runs.
 typedef struct _JSCContext JSCContext;
 typedef struct _GObject GObject;
-void LinkGlibContext(JSGlobalContextRef context, JSCContext* glibContext, GObject* owner);
+void LinkGlibContext(GObject* owner, JSGlobalContextRef context, JSCContext* glibContext);
 
 // A string value as a new NUL-terminated UTF-8 copy (array new); anything
 // else gives null.  A string with an embedded NUL is cut there.
