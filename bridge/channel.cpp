@@ -128,12 +128,14 @@ void EncodeRequestInto(const BridgeRequest& request, std::string* frame) {
 }
 
 void EncodeReplyInto(const BridgeReply& reply, std::string* frame) {
-    size_t end = MaybeSize(reply.text);
+    const char* text = reply.borrowed ? reply.borrowed : reply.text ? reply.text->data() : nullptr;
+    size_t textSize = reply.borrowed ? reply.borrowedSize : reply.text ? reply.text->size() : 0;
+    size_t end = text ? textSize + 1 : 0;
     size_t codeAt = Align(end, 4);
     size_t offsetSize = 0;
     size_t bodySize = BodySizeWithOffsets(codeAt + 4, 1, &offsetSize);
     char* body = StartFrame(bodySize, frame);
-    PutMaybe(body, reply.text);
+    if (text) memcpy(body, text, textSize);  // the maybe's closing zero is already there
     memcpy(body + codeAt, &reply.code, 4);
     PutOffset(body + codeAt + 4, end, offsetSize);
 }

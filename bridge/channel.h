@@ -36,6 +36,11 @@ struct BridgeRequest {
 struct BridgeReply {
     std::optional<std::string> text;  // GetProperty / EnumProperty
     int32_t code = 0;                 // Invoke
+    // The host's way to send a text it does not own (a plug-in's answer)
+    // without copying it: used instead of `text` when set, and valid only
+    // until the reply is encoded.  Decoding never sets it.
+    const char* borrowed = nullptr;
+    size_t borrowedSize = 0;
 };
 
 // Whole frames, header included.
