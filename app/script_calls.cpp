@@ -12,8 +12,16 @@ namespace {
 // and reaches the page as no answer.
 constexpr size_t kMaxAnswer = kMaxFrameSize - 64;
 
+// The answer goes into the reply frame straight from the plug-in's memory:
+// it stays valid until the plug-in's next call, and the reply is encoded as
+// soon as this handler returns.  Copying it first cost a fresh allocation
+// per call, whose pages the allocator had often given back.
 void SetAnswer(const char* answer, BridgeReply* reply) {
-    if (answer && strlen(answer) <= kMaxAnswer) reply->text = std::string(answer);
+    if (!answer) return;
+    size_t size = strnlen(answer, kMaxAnswer + 1);
+    if (size > kMaxAnswer) return;
+    reply->borrowed = answer;
+    reply->borrowedSize = size;
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <vector>
@@ -21,12 +22,17 @@ namespace {
 constexpr size_t kMaxConnections = 64;
 constexpr size_t kReadChunk = 64 * 1024;
 
+// A connection's two buffers are the only places the host keeps the bytes
+// of a call: `in` holds what the peer sent (its first `inHave` bytes), `out`
+// the reply frame being sent.  Both are reused by every call and keep their
+// size (up to kKeptBufferSize) so long calls find their pages mapped.
 struct Connection {
     int fd = -1;
     guint inWatch = 0;
     guint outWatch = 0;
     bool authenticated = false;
     std::string in;
+    size_t inHave = 0;
     std::string out;
     size_t outOffset = 0;
 };
@@ -80,6 +86,7 @@ bool Flush(Connection* connection) {
     }
     connection->out.clear();
     connection->outOffset = 0;
+    ReleaseLargeBuffer(&connection->out);
     return true;
 }
 
@@ -90,7 +97,7 @@ bool ProcessFrames(Connection* connection) {
     size_t offset = 0;
     bool ok = true;
     while (connection->out.empty()) {
-        size_t available = connection->in.size() - offset;
+        size_t available = connection->inHave - offset;
         if (available < kFrameHeaderSize) break;
         uint32_t length = ReadFrameLength(connection->in.data() + offset);
         // Before the token is shown nothing longer than a hello is read, so
@@ -120,14 +127,19 @@ bool ProcessFrames(Connection* connection) {
         }
         BridgeReply reply;
         g_handler(request, &reply);
-        connection->out = EncodeReply(reply);
+        EncodeReplyInto(reply, &connection->out);
         connection->outOffset = 0;
         if (!Flush(connection)) {
             ok = false;
             break;
         }
     }
-    connection->in.erase(0, offset);
+    // What follows the frames handled (usually nothing) moves to the front.
+    if (offset > 0) {
+        connection->inHave -= offset;
+        memmove(&connection->in[0], connection->in.data() + offset, connection->inHave);
+    }
+    if (connection->inHave == 0) ReleaseLargeBuffer(&connection->in);
     if (!ok) return false;
     if (!connection->out.empty()) {
         // Wait until the peer reads; stop reading from it meanwhile.
@@ -168,16 +180,31 @@ gboolean OnWritable(gint, GIOCondition, gpointer data) {
 constexpr gint64 kFollowUpUs = 50;
 constexpr int kBurstRequests = 256;
 
+// Room in `in` for the next read: the rest of a frame whose header has
+// come, at least kReadChunk otherwise.  The buffer only grows here.
+char* ReadRoom(Connection* connection, size_t* room) {
+    size_t want = connection->inHave + kReadChunk;
+    if (connection->inHave >= kFrameHeaderSize) {
+        uint32_t length = ReadFrameLength(connection->in.data());
+        // An oversized length is refused when the frame is looked at.
+        if (length <= kMaxFrameSize) want = std::max(want, kFrameHeaderSize + length);
+    }
+    if (connection->in.size() < want) connection->in.resize(want);
+    *room = connection->in.size() - connection->inHave;
+    return &connection->in[connection->inHave];
+}
+
 gboolean OnReadable(gint, GIOCondition, gpointer data) {
     Connection* connection = static_cast<Connection*>(data);
     guint self = connection->inWatch;
-    char buffer[kReadChunk];
     int served = 0;
     gint64 lookUntil = 0;
     while (true) {
+        size_t room = 0;
+        char* at = ReadRoom(connection, &room);
         ssize_t n;
         do {
-            n = recv(connection->fd, buffer, sizeof buffer, MSG_DONTWAIT);
+            n = recv(connection->fd, at, room, MSG_DONTWAIT);
         } while (n < 0 && errno == EINTR);
         if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
             if (served == 0 || served >= kBurstRequests || g_get_monotonic_time() >= lookUntil) {
@@ -191,7 +218,7 @@ gboolean OnReadable(gint, GIOCondition, gpointer data) {
             CloseConnection(connection);
             return G_SOURCE_REMOVE;
         }
-        connection->in.append(buffer, static_cast<size_t>(n));
+        connection->inHave += static_cast<size_t>(n);
         // ProcessFrames may replace the watch; keep ours only if it is still the one.
         if (!ProcessFrames(connection)) {
             connection->inWatch = 0;

@@ -70,7 +70,12 @@ bool GetMaybe(const unsigned char* body, size_t begin, size_t end, std::optional
         return true;
     }
     if (body[end - 1] != 0) return false;
-    text->emplace(reinterpret_cast<const char*>(body) + begin, end - begin - 1);
+    const char* bytes = reinterpret_cast<const char*>(body) + begin;
+    if (*text) {
+        (*text)->assign(bytes, end - begin - 1);
+    } else {
+        text->emplace(bytes, end - begin - 1);
+    }
     return true;
 }
 
@@ -81,44 +86,62 @@ bool ZeroBytes(const unsigned char* body, size_t begin, size_t end) {
     return true;
 }
 
-std::string Header(size_t bodySize) {
+// Sizes `frame` to the header and a body of zeros (the padding must be
+// zero) and writes the header; returns the body.  The buffer's earlier
+// contents are overwritten, not freed.
+char* StartFrame(size_t bodySize, std::string* frame) {
+    frame->clear();
+    frame->resize(kFrameHeaderSize + bodySize, '\0');
     uint32_t length = static_cast<uint32_t>(bodySize);
-    return std::string(reinterpret_cast<const char*>(&length), sizeof length);
+    memcpy(&(*frame)[0], &length, sizeof length);
+    return &(*frame)[kFrameHeaderSize];
 }
 
 }  // namespace
 
 std::string EncodeRequest(const BridgeRequest& request) {
+    std::string frame;
+    EncodeRequestInto(request, &frame);
+    return frame;
+}
+
+std::string EncodeReply(const BridgeReply& reply) {
+    std::string frame;
+    EncodeReplyInto(reply, &frame);
+    return frame;
+}
+
+void EncodeRequestInto(const BridgeRequest& request, std::string* frame) {
     size_t ends[3];
     size_t at = 2;
     for (int i = 0; i < 3; ++i) ends[i] = at += MaybeSize(request.text[i]);
     size_t numberAt = Align(at, 8);
     size_t offsetSize = 0;
     size_t bodySize = BodySizeWithOffsets(numberAt + 8, 3, &offsetSize);
-    std::string frame = Header(bodySize);
-    frame.resize(kFrameHeaderSize + bodySize, '\0');
-    char* body = &frame[kFrameHeaderSize];
+    char* body = StartFrame(bodySize, frame);
     body[0] = static_cast<char>(request.op);
     body[1] = static_cast<char>(request.argc);
     char* cursor = body + 2;
     for (int i = 0; i < 3; ++i) cursor = PutMaybe(cursor, request.text[i]);
     memcpy(body + numberAt, &request.number, 8);
     for (int i = 0; i < 3; ++i) PutOffset(body + numberAt + 8 + static_cast<size_t>(i) * offsetSize, ends[2 - i], offsetSize);
-    return frame;
 }
 
-std::string EncodeReply(const BridgeReply& reply) {
-    size_t end = MaybeSize(reply.text);
+void EncodeReplyInto(const BridgeReply& reply, std::string* frame) {
+    const char* text = reply.borrowed ? reply.borrowed : reply.text ? reply.text->data() : nullptr;
+    size_t textSize = reply.borrowed ? reply.borrowedSize : reply.text ? reply.text->size() : 0;
+    size_t end = text ? textSize + 1 : 0;
     size_t codeAt = Align(end, 4);
     size_t offsetSize = 0;
     size_t bodySize = BodySizeWithOffsets(codeAt + 4, 1, &offsetSize);
-    std::string frame = Header(bodySize);
-    frame.resize(kFrameHeaderSize + bodySize, '\0');
-    char* body = &frame[kFrameHeaderSize];
-    PutMaybe(body, reply.text);
+    char* body = StartFrame(bodySize, frame);
+    if (text) memcpy(body, text, textSize);  // the maybe's closing zero is already there
     memcpy(body + codeAt, &reply.code, 4);
     PutOffset(body + codeAt + 4, end, offsetSize);
-    return frame;
+}
+
+void ReleaseLargeBuffer(std::string* buffer) {
+    if (buffer->capacity() > kKeptBufferSize) std::string().swap(*buffer);
 }
 
 bool DecodeRequest(const void* data, size_t size, BridgeRequest* request) {

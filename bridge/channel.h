@@ -37,14 +37,29 @@ struct BridgeRequest {
 struct BridgeReply {
     std::optional<std::string> text;  // GetProperty / EnumProperty
     int32_t code = 0;                 // Invoke
+    // The host's way to send a text it does not own (a plug-in's answer)
+    // without copying it: used instead of `text` when set, and valid only
+    // until the reply is encoded.  Decoding never sets it.
+    const char* borrowed = nullptr;
+    size_t borrowedSize = 0;
 };
 
 // Whole frames, header included.
 std::string EncodeRequest(const BridgeRequest& request);
 std::string EncodeReply(const BridgeReply& reply);
+// The same, written over `frame` (a connection's reusable buffer), which is
+// resized to the frame and keeps its capacity.
+void EncodeRequestInto(const BridgeRequest& request, std::string* frame);
+void EncodeReplyInto(const BridgeReply& reply, std::string* frame);
+
+// A connection's reusable buffer keeps up to this much between calls, so a
+// long answer finds pages already mapped; anything larger is given back.
+constexpr size_t kKeptBufferSize = 4u * 1024u * 1024u;
+void ReleaseLargeBuffer(std::string* buffer);
 
 // Decode a frame's body (without the header).  False for anything that is
-// not exactly the expected type or names an unknown operation.
+// not exactly the expected type or names an unknown operation.  A text that
+// is present is assigned into one already there, reusing its capacity.
 bool DecodeRequest(const void* body, size_t size, BridgeRequest* request);
 bool DecodeReply(const void* body, size_t size, BridgeReply* reply);
 

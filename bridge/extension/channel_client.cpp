@@ -14,6 +14,13 @@ std::string* g_token = nullptr;
 uint32_t g_hostPid = 0;
 int g_fd = -1;
 bool g_lost = false;
+// The connection's two buffers, reused by every call: the request frame
+// going out and the reply frame coming in.  Nothing else holds the bytes of
+// a call on this side, apart from the caller's own request and reply.
+std::string* g_out = nullptr;
+std::string* g_in = nullptr;
+// Replies to small calls come in one read: header and body together.
+constexpr size_t kFirstRead = 4096;
 
 bool SendAll(const std::string& frame) {
     size_t done = 0;
@@ -67,6 +74,33 @@ bool Connect() {
     return SendAll(EncodeRequest(hello));
 }
 
+// Sends the frame in g_out and reads the reply frame into g_in; its body
+// is then g_in[kFrameHeaderSize, kFrameHeaderSize + *length).
+bool Exchange(uint32_t* length) {
+    if (g_in->size() < kFirstRead) g_in->resize(kFirstRead);
+    char* in = &(*g_in)[0];
+    // Sent once: a read cut short by a signal must not send it again, or
+    // the host would answer twice and every later reply be one call late.
+    ssize_t got = -1;
+    if (SendAll(*g_out)) {
+        do {
+            got = recv(g_fd, in, g_in->size(), 0);
+        } while (got < 0 && errno == EINTR);
+    }
+    if (got < static_cast<ssize_t>(kFrameHeaderSize)) {
+        if (got > 0 && !ReceiveAll(in + got, kFrameHeaderSize - static_cast<size_t>(got))) got = -1;
+        if (got <= 0) return false;
+        got = kFrameHeaderSize;
+    }
+    *length = ReadFrameLength(in);
+    size_t have = static_cast<size_t>(got) - kFrameHeaderSize;
+    // The host sends nothing unasked, so more than one frame is a broken peer.
+    if (*length == 0 || *length > kMaxFrameSize || have > *length) return false;
+    // Grows only: a buffer that already has the room is written over, not cleared.
+    if (g_in->size() < kFrameHeaderSize + *length) g_in->resize(kFrameHeaderSize + *length);
+    return have == *length || ReceiveAll(&(*g_in)[kFrameHeaderSize + have], *length - have);
+}
+
 }  // namespace
 
 void ChannelConfigure(const std::string& socketPath, const std::string& token, uint32_t hostPid) {
@@ -87,46 +121,26 @@ void ChannelReset() {
 
 bool ChannelCall(const BridgeRequest& request, BridgeReply* reply) {
     if (g_lost) return false;
+    if (!g_out) {
+        g_out = new std::string;
+        g_in = new std::string;
+    }
     // A request over the frame limit (a page's argument of many megabytes)
     // gives the call's default; sent, the host would drop the connection
     // and with it every later call of the page.
-    std::string frame = EncodeRequest(request);
-    if (frame.size() - kFrameHeaderSize > kMaxFrameSize) return false;
-    if (g_fd < 0 && !Connect()) {
+    EncodeRequestInto(request, g_out);
+    bool ok = g_out->size() - kFrameHeaderSize <= kMaxFrameSize;
+    if (ok && g_fd < 0 && !Connect()) {
         Lose();
-        return false;
-    }
-    // Replies to small calls come in one read: header and body together.
-    char first[4096];
-    // Sent once: a read cut short by a signal must not send it again, or
-    // the host would answer twice and every later reply be one call late.
-    ssize_t got = -1;
-    if (SendAll(frame)) {
-        do {
-            got = recv(g_fd, first, sizeof first, 0);
-        } while (got < 0 && errno == EINTR);
-    }
-    if (got < static_cast<ssize_t>(kFrameHeaderSize)) {
-        if (got > 0 && !ReceiveAll(first + got, kFrameHeaderSize - static_cast<size_t>(got))) got = -1;
-        if (got <= 0) {
+        ok = false;
+    } else if (ok) {
+        uint32_t length = 0;
+        if (!Exchange(&length) || !DecodeReply(g_in->data() + kFrameHeaderSize, length, reply)) {
             Lose();
-            return false;
+            ok = false;
         }
-        got = kFrameHeaderSize;
     }
-    uint32_t length = ReadFrameLength(first);
-    size_t have = static_cast<size_t>(got) - kFrameHeaderSize;
-    // The host sends nothing unasked, so more than one frame is a broken peer.
-    if (length == 0 || length > kMaxFrameSize || have > length) {
-        Lose();
-        return false;
-    }
-    std::string body(first + kFrameHeaderSize, have);
-    body.resize(length);
-    if ((have < length && !ReceiveAll(&body[have], length - have)) ||
-        !DecodeReply(body.data(), body.size(), reply)) {
-        Lose();
-        return false;
-    }
-    return true;
+    ReleaseLargeBuffer(g_out);
+    ReleaseLargeBuffer(g_in);
+    return ok;
 }

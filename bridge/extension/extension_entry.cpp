@@ -21,7 +21,13 @@ void OnWindowObjectCleared(WebKitScriptWorld* world, WebKitWebPage*, WebKitFrame
     G_GNUC_BEGIN_IGNORE_DEPRECATIONS
     JSGlobalContextRef context = webkit_frame_get_javascript_context_for_script_world(frame, world);
     G_GNUC_END_IGNORE_DEPRECATIONS
-    if (context && DocumentTrusted(context, g_startup->trustedOrigins)) InstallScriptObject(context);
+    if (context && !DocumentTrusted(context, g_startup->trustedOrigins)) context = nullptr;
+    if (context) InstallScriptObject(context);
+    // The wrapper only makes long answers; the frame's previous document
+    // lets go of its own whatever this one gets.
+    JSCContext* glibContext = context ? webkit_frame_get_js_context_for_script_world(frame, world) : nullptr;
+    LinkGlibContext(G_OBJECT(frame), context, glibContext);
+    if (glibContext) g_object_unref(glibContext);
 }
 
 const char* LevelName(WebKitConsoleMessageLevel level) {

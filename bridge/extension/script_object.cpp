@@ -1,9 +1,12 @@
 #include "bridge/extension/script_object.h"
 
 #include <glib.h>
+#include <jsc/jsc.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <vector>
 
 #include "bridge/extension/channel_client.h"
 #include "bridge/origins.h"
@@ -12,19 +15,107 @@ namespace {
 
 ScriptTransport g_transport = ChannelCall;
 
-JSValueRef MakeString(JSContextRef context, const char* text) {
+// The reply of GetProperty and EnumProperty, reused by every call so that
+// a long answer is decoded into memory already mapped (fresh pages cost more
+// than the copy).  It holds the last answer until the next call.
+BridgeReply* g_reply = nullptr;
+
+// Below this many bytes JSStringCreateWithUTF8CString converts on the stack;
+// above, its UTF-16 buffer is a fresh allocation twice the answer's size.
+constexpr size_t kShortAnswer = 1024;
+
+// A document's way to make strings through JavaScriptCore's GLib API, which
+// builds an ASCII answer as a one-byte string straight from the bytes.  Its
+// values cannot be returned from a C API function, so a holder object that
+// both APIs know, and that no page can reach, passes them over.
+struct GlibLink {
+    JSGlobalContextRef global;
+    JSCContext* context;
+    JSCValue* holder;        // keeps holderObject alive
+    JSObjectRef holderObject;
+};
+std::vector<GlibLink*>* g_links = nullptr;
+
+void DropLink(gpointer data) {
+    GlibLink* link = static_cast<GlibLink*>(data);
+    g_links->erase(std::find(g_links->begin(), g_links->end(), link));
+    g_object_unref(link->holder);
+    g_object_unref(link->context);
+    delete link;
+}
+
+GlibLink* FindLink(JSContextRef context) {
+    JSGlobalContextRef global = JSContextGetGlobalContext(context);
+    if (g_links) {
+        for (GlibLink* link : *g_links) {
+            if (link->global == global) return link;
+        }
+    }
+    return nullptr;
+}
+
+// The length up to the first NUL, and whether those bytes are UTF-8.
+// Answers are mostly ASCII, so plain ASCII is skipped in blocks before
+// GLib's decoder (a third of a millisecond per megabyte) sees the rest.
+bool Utf8UpToNul(const char* text, size_t size, size_t* length) {
+    const unsigned char* bytes = reinterpret_cast<const unsigned char*>(text);
+    constexpr size_t kBlock = 64;
+    size_t at = 0;
+    for (; at + kBlock <= size; at += kBlock) {
+        unsigned char any = 0, least = 0xFF;
+        for (size_t i = 0; i < kBlock; ++i) {
+            any |= bytes[at + i];
+            least = std::min(least, bytes[at + i]);
+        }
+        if ((any & 0x80) || least == 0) break;
+    }
+    const gchar* end = nullptr;
+    if (g_utf8_validate(text + at, static_cast<gssize>(size - at), &end)) {
+        *length = size;
+        return true;
+    }
+    // GLib stops at a NUL as at a fault: only a NUL means the text before is good.
+    if (*end == '\0') {
+        *length = static_cast<size_t>(end - text);
+        return true;
+    }
+    *length = strnlen(text, size);
+    return false;
+}
+
+// `text` is UTF-8 with a NUL at text[size].
+JSValueRef MakeValidString(JSContextRef context, const char* text, size_t size) {
+    GlibLink* link = size >= kShortAnswer ? FindLink(context) : nullptr;
+    if (!link) {
+        JSStringRef string = JSStringCreateWithUTF8CString(text);
+        JSValueRef value = JSValueMakeString(context, string);
+        JSStringRelease(string);
+        return value;
+    }
+    GBytes* bytes = g_bytes_new_static(text, size);
+    JSCValue* value = jsc_value_new_string_from_bytes(link->context, bytes);
+    g_bytes_unref(bytes);
+    jsc_value_object_set_property_at_index(link->holder, 0, value);
+    g_object_unref(value);
+    JSValueRef result = JSObjectGetPropertyAtIndex(context, link->holderObject, 0, nullptr);
+    // The holder keeps no answer; the value lives on as the call's result.
+    JSObjectSetPropertyAtIndex(context, link->holderObject, 0, JSValueMakeUndefined(context), nullptr);
+    return result;
+}
+
+JSValueRef MakeString(JSContextRef context, const std::string& text) {
     // Plug-in answers are not checked for UTF-8 on the host; make sure the
-    // page gets a well-formed string whatever bytes came back, copying only
-    // when something needs replacing.
-    gchar* repaired = g_utf8_validate(text, -1, nullptr) ? nullptr : g_utf8_make_valid(text, -1);
-    JSStringRef string = JSStringCreateWithUTF8CString(repaired ? repaired : text);
+    // page gets a well-formed string whatever bytes came back, cut at a NUL
+    // as a C string is, copying only when something needs replacing.
+    size_t size = 0;
+    if (Utf8UpToNul(text.data(), text.size(), &size)) return MakeValidString(context, text.c_str(), size);
+    gchar* repaired = g_utf8_make_valid(text.data(), static_cast<gssize>(size));
+    JSValueRef value = MakeValidString(context, repaired, strlen(repaired));
     g_free(repaired);
-    JSValueRef value = JSValueMakeString(context, string);
-    JSStringRelease(string);
     return value;
 }
 
-JSValueRef EmptyString(JSContextRef context) { return MakeString(context, ""); }
+JSValueRef EmptyString(JSContextRef context) { return MakeValidString(context, "", 0); }
 
 // Converts the first `count` arguments; false (nothing left allocated) when
 // one of them is not a string.
@@ -45,12 +136,14 @@ JSValueRef StringCall(JSContextRef context, uint8_t op, size_t minimum, size_t a
     BridgeRequest request;
     request.op = op;
     request.argc = CappedCount(argumentCount);
-    BridgeReply reply;
+    if (!g_reply) g_reply = new BridgeReply;
     if (argumentCount < minimum || !TakeStrings(context, arguments, minimum, &request) ||
-        !g_transport(request, &reply) || !reply.text) {
+        !g_transport(request, g_reply) || !g_reply->text) {
         return EmptyString(context);
     }
-    return MakeString(context, reply.text->c_str());
+    JSValueRef value = MakeString(context, *g_reply->text);
+    ReleaseLargeBuffer(&*g_reply->text);
+    return value;
 }
 
 JSValueRef GetProperty(JSContextRef context, JSObjectRef, JSObjectRef, size_t argumentCount,
@@ -194,4 +287,33 @@ bool DocumentTrusted(JSGlobalContextRef context, const std::vector<std::string>&
     }
     FreeScriptString(origins);
     return all && checked > 0;
+}
+
+void LinkGlibContext(GObject* owner, JSGlobalContextRef context, JSCContext* glibContext) {
+    static const char kKey[] = "kavori-glib-link";
+    if (!context || !glibContext) {
+        g_object_set_data(owner, kKey, nullptr);
+        return;
+    }
+    if (!g_links) g_links = new std::vector<GlibLink*>;
+    // Handed over through a global property while no script of the document
+    // has run yet, then removed: afterwards only the two APIs know it.
+    static const char kName[] = "__kavoriHolder";
+    JSObjectRef holder = JSObjectMake(context, nullptr, nullptr);
+    JSObjectSetPrototype(context, holder, JSValueMakeNull(context));
+    JSObjectRef global = JSContextGetGlobalObject(context);
+    JSStringRef name = JSStringCreateWithUTF8CString(kName);
+    JSObjectSetProperty(context, global, name, holder, kJSPropertyAttributeNone, nullptr);
+    JSCValue* glibHolder = jsc_context_get_value(glibContext, kName);
+    JSObjectDeleteProperty(context, global, name, nullptr);
+    JSStringRelease(name);
+    GlibLink* link = nullptr;
+    if (glibHolder && jsc_value_is_object(glibHolder)) {
+        link = new GlibLink{context, JSC_CONTEXT(g_object_ref(glibContext)), glibHolder, holder};
+        g_links->push_back(link);
+    } else if (glibHolder) {
+        g_object_unref(glibHolder);
+    }
+    // Drops the previous document's link; the frame's end drops this one.
+    g_object_set_data_full(owner, kKey, link, link ? DropLink : nullptr);
 }

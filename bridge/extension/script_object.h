@@ -27,6 +27,16 @@ void InstallScriptObject(JSGlobalContextRef context);
 // trusted, whatever its URL says.
 bool DocumentTrusted(JSGlobalContextRef context, const std::vector<std::string>& trusted);
 
+// Lets the functions of `context` make long answers through `glibContext`,
+// the GLib API's wrapper of the same context (the C API turns every string
+// into UTF-16 first: milliseconds per megabyte).  The link replaces the one
+// `owner` (the frame) held for its previous document; null contexts only
+// drop that.  Without a link answers take the C API.  Call before any
+// script of the document runs.
+typedef struct _JSCContext JSCContext;
+typedef struct _GObject GObject;
+void LinkGlibContext(GObject* owner, JSGlobalContextRef context, JSCContext* glibContext);
+
 // A string value as a new NUL-terminated UTF-8 copy (array new); anything
 // else gives null.  A string with an embedded NUL is cut there.
 char* CopyScriptString(JSContextRef context, JSValueRef value);
