@@ -4,6 +4,7 @@
 // every path of its own.
 #include <dlfcn.h>
 #include <gtk/gtk.h>
+#include <sys/resource.h>
 #include <unistd.h>
 #include <webkit2/webkit2.h>
 
@@ -46,6 +47,13 @@ void PreloadSanitizerRuntime() {
 void PreloadSanitizerRuntime() {}
 #endif
 
+// PINs pass through this process and the web processes it starts: a core
+// file would put them on disk, so none is written.
+void DisableCoreDumps() {
+    struct rlimit none = {0, 0};
+    setrlimit(RLIMIT_CORE, &none);
+}
+
 // Without a session bus GLib and the accessibility bridge autolaunch one
 // (dbus-launch, where installed) for every run, and those daemons outlive
 // the dialog, carrying its environment.  A desktop session always has a
@@ -76,6 +84,7 @@ extern "C" const char* __asan_default_options() { return "detect_leaks=0"; }
 int main(int argc, char** argv) {
     // gdk_threads_enter/leave are no-ops in GTK 3 and are left out.
     WatchTerminationSignals();
+    DisableCoreDumps();
     PreloadSanitizerRuntime();
     AvoidBusAutolaunch();
     SaveCommandLine(argc, argv);

@@ -52,6 +52,8 @@ gboolean OnReadable(gint fd, GIOCondition condition, gpointer data);
 gboolean OnWritable(gint fd, GIOCondition condition, gpointer data);
 
 void CloseConnection(Connection* connection) {
+    Wipe(&connection->in);
+    Wipe(&connection->out);
     if (connection->inWatch) g_source_remove(connection->inWatch);
     if (connection->outWatch) g_source_remove(connection->outWatch);
     close(connection->fd);
@@ -84,6 +86,7 @@ bool Flush(Connection* connection) {
         if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return true;
         return false;
     }
+    Wipe(&connection->out);
     connection->out.clear();
     connection->outOffset = 0;
     ReleaseLargeBuffer(&connection->out);
@@ -128,6 +131,8 @@ bool ProcessFrames(Connection* connection) {
         BridgeReply reply;
         g_handler(request, &reply);
         EncodeReplyInto(reply, &connection->out);
+        Wipe(&request);
+        Wipe(&reply);
         connection->outOffset = 0;
         if (!Flush(connection)) {
             ok = false;
@@ -138,6 +143,7 @@ bool ProcessFrames(Connection* connection) {
     if (offset > 0) {
         connection->inHave -= offset;
         memmove(&connection->in[0], connection->in.data() + offset, connection->inHave);
+        explicit_bzero(&connection->in[connection->inHave], offset);  // the requests served
     }
     if (connection->inHave == 0) ReleaseLargeBuffer(&connection->in);
     if (!ok) return false;
@@ -189,7 +195,7 @@ char* ReadRoom(Connection* connection, size_t* room) {
         // An oversized length is refused when the frame is looked at.
         if (length <= kMaxFrameSize) want = std::max(want, kFrameHeaderSize + length);
     }
-    if (connection->in.size() < want) connection->in.resize(want);
+    if (connection->in.size() < want) ResizeWiped(&connection->in, want);
     *room = connection->in.size() - connection->inHave;
     return &connection->in[connection->inHave];
 }

@@ -91,7 +91,7 @@ bool ZeroBytes(const unsigned char* body, size_t begin, size_t end) {
 // contents are overwritten, not freed.
 char* StartFrame(size_t bodySize, std::string* frame) {
     frame->clear();
-    frame->resize(kFrameHeaderSize + bodySize, '\0');
+    ResizeWiped(frame, kFrameHeaderSize + bodySize);
     uint32_t length = static_cast<uint32_t>(bodySize);
     memcpy(&(*frame)[0], &length, sizeof length);
     return &(*frame)[kFrameHeaderSize];
@@ -141,7 +141,36 @@ void EncodeReplyInto(const BridgeReply& reply, std::string* frame) {
 }
 
 void ReleaseLargeBuffer(std::string* buffer) {
-    if (buffer->capacity() > kKeptBufferSize) std::string().swap(*buffer);
+    if (buffer->capacity() <= kKeptBufferSize) return;
+    Wipe(buffer);
+    std::string().swap(*buffer);
+}
+
+void Wipe(std::string* bytes) {
+    if (!bytes->empty()) explicit_bzero(&(*bytes)[0], bytes->size());
+}
+
+void Wipe(BridgeRequest* request) {
+    for (auto& text : request->text) {
+        if (text) Wipe(&*text);
+    }
+}
+
+void Wipe(BridgeReply* reply) {
+    if (reply->text) Wipe(&*reply->text);
+}
+
+void ResizeWiped(std::string* bytes, size_t size) {
+    if (size <= bytes->capacity()) {
+        bytes->resize(size);
+        return;
+    }
+    std::string bigger;
+    bigger.reserve(size);
+    bigger.assign(*bytes);
+    bigger.resize(size);
+    Wipe(bytes);
+    bytes->swap(bigger);
 }
 
 bool DecodeRequest(const void* data, size_t size, BridgeRequest* request) {

@@ -57,6 +57,14 @@ void EncodeReplyInto(const BridgeReply& reply, std::string* frame);
 constexpr size_t kKeptBufferSize = 4u * 1024u * 1024u;
 void ReleaseLargeBuffer(std::string* buffer);
 
+// Requests carry PINs: every buffer that held one is zeroed once served,
+// before it is reused, grown or freed, so no copy lingers in memory.
+void Wipe(std::string* bytes);  // its size() bytes
+void Wipe(BridgeRequest* request);
+void Wipe(BridgeReply* reply);    // its own text, not a borrowed one
+// Resizes to size; when that reallocates, the old storage is zeroed first.
+void ResizeWiped(std::string* bytes, size_t size);
+
 // Decode a frame's body (without the header).  False for anything that is
 // not exactly the expected type or names an unknown operation.  A text that
 // is present is assigned into one already there, reusing its capacity.

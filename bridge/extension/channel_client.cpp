@@ -5,6 +5,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 
 namespace {
@@ -77,7 +78,7 @@ bool Connect() {
 // Sends the frame in g_out and reads the reply frame into g_in; its body
 // is then g_in[kFrameHeaderSize, kFrameHeaderSize + *length).
 bool Exchange(uint32_t* length) {
-    if (g_in->size() < kFirstRead) g_in->resize(kFirstRead);
+    if (g_in->size() < kFirstRead) ResizeWiped(g_in, kFirstRead);
     char* in = &(*g_in)[0];
     // Sent once: a read cut short by a signal must not send it again, or
     // the host would answer twice and every later reply be one call late.
@@ -97,7 +98,7 @@ bool Exchange(uint32_t* length) {
     // The host sends nothing unasked, so more than one frame is a broken peer.
     if (*length == 0 || *length > kMaxFrameSize || have > *length) return false;
     // Grows only: a buffer that already has the room is written over, not cleared.
-    if (g_in->size() < kFrameHeaderSize + *length) g_in->resize(kFrameHeaderSize + *length);
+    if (g_in->size() < kFrameHeaderSize + *length) ResizeWiped(g_in, kFrameHeaderSize + *length);
     return have == *length || ReceiveAll(&(*g_in)[kFrameHeaderSize + have], *length - have);
 }
 
@@ -139,7 +140,10 @@ bool ChannelCall(const BridgeRequest& request, BridgeReply* reply) {
             Lose();
             ok = false;
         }
+        // The frames are served: zeroed, the reply's only as far as it went.
+        explicit_bzero(&(*g_in)[0], ok ? std::min(g_in->size(), kFrameHeaderSize + length) : g_in->size());
     }
+    Wipe(g_out);
     ReleaseLargeBuffer(g_out);
     ReleaseLargeBuffer(g_in);
     return ok;

@@ -15,6 +15,12 @@ namespace {
 
 ScriptTransport g_transport = ChannelCall;
 
+// A request of the page's: its texts (a PIN among them) are zeroed when the
+// call is over.
+struct Call : BridgeRequest {
+    ~Call() { Wipe(this); }
+};
+
 // The reply of GetProperty and EnumProperty, reused by every call so that
 // a long answer is decoded into memory already mapped (fresh pages cost more
 // than the copy).  It holds the last answer until the next call.
@@ -133,7 +139,7 @@ uint8_t CappedCount(size_t count) { return static_cast<uint8_t>(count > 255 ? 25
 
 JSValueRef StringCall(JSContextRef context, uint8_t op, size_t minimum, size_t argumentCount,
                       const JSValueRef arguments[]) {
-    BridgeRequest request;
+    Call request;
     request.op = op;
     request.argc = CappedCount(argumentCount);
     if (!g_reply) g_reply = new BridgeReply;
@@ -142,6 +148,7 @@ JSValueRef StringCall(JSContextRef context, uint8_t op, size_t minimum, size_t a
         return EmptyString(context);
     }
     JSValueRef value = MakeString(context, *g_reply->text);
+    Wipe(&*g_reply->text);
     ReleaseLargeBuffer(&*g_reply->text);
     return value;
 }
@@ -158,7 +165,7 @@ JSValueRef EnumProperty(JSContextRef context, JSObjectRef, JSObjectRef, size_t a
 
 JSValueRef SetProperty(JSContextRef context, JSObjectRef, JSObjectRef, size_t argumentCount,
                        const JSValueRef arguments[], JSValueRef*) {
-    BridgeRequest request;
+    Call request;
     request.op = BRIDGE_SET_PROPERTY;
     request.argc = CappedCount(argumentCount);
     BridgeReply reply;
@@ -168,7 +175,7 @@ JSValueRef SetProperty(JSContextRef context, JSObjectRef, JSObjectRef, size_t ar
 
 JSValueRef Invoke(JSContextRef context, JSObjectRef, JSObjectRef, size_t argumentCount,
                   const JSValueRef arguments[], JSValueRef*) {
-    BridgeRequest request;
+    Call request;
     request.op = BRIDGE_INVOKE;
     request.argc = CappedCount(argumentCount);
     BridgeReply reply;
@@ -178,7 +185,7 @@ JSValueRef Invoke(JSContextRef context, JSObjectRef, JSObjectRef, size_t argumen
 }
 
 JSValueRef TurnEnded(JSContextRef context, JSObjectRef, JSObjectRef, size_t, const JSValueRef[], JSValueRef*) {
-    BridgeRequest request;
+    Call request;
     request.op = BRIDGE_TURN_ENDED;
     BridgeReply reply;
     g_transport(request, &reply);
@@ -202,7 +209,7 @@ void QueueTurnEnd(JSContextRef context) {
 
 JSValueRef Application(JSContextRef context, JSObjectRef, JSObjectRef, size_t argumentCount,
                        const JSValueRef arguments[], JSValueRef*) {
-    BridgeRequest request;
+    Call request;
     request.op = BRIDGE_APPLICATION;
     request.argc = CappedCount(argumentCount);
     request.number = NAN;
@@ -259,7 +266,10 @@ char* CopyScriptString(JSContextRef context, JSValueRef value) {
     return text;
 }
 
-void FreeScriptString(char* text) { delete[] text; }
+void FreeScriptString(char* text) {
+    if (text) explicit_bzero(text, strlen(text));  // it may be a PIN
+    delete[] text;
+}
 
 void InstallScriptObject(JSGlobalContextRef context) {
     // One class for the life of the web process; every document gets a new
