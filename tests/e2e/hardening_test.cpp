@@ -35,9 +35,9 @@ TEST_F(Hardening, KavoriOnlyForDocumentsWhoseOriginAndAncestorsAreTrusted) {
     ASSERT_TRUE(PollUntil([&] { return !(port = ReadFileOr(server.dir() + "/port")).empty(); })) << server.output();
     const std::string site = "http://127.0.0.1:" + port + "/trust/", trusted = "KAVORI_TRUSTED_ORIGINS=http://127.0.0.1:" + port;
     HostProcess& top = Open(site + "top.html", {}, {trusted});
-    HostProcess& sandboxed = Open(site + "csp-top.html", {}, {trusted});
+    HostProcess& sandboxed = Open(site + "sandboxed.html?csp", {}, {trusted});
     EXPECT_EQ("ok", top.Result());
-    EXPECT_TRUE(Has(ReadUntil([&] { return sandboxed.output(); }, "refused"), "refused navigation to " + site + "csp-top.html"));
+    EXPECT_TRUE(Has(ReadUntil([&] { return sandboxed.output(); }, "refused"), "refused navigation to " + site + "sandboxed.html?csp"));
     EXPECT_EQ("<none>", sandboxed.LastSet("Served"));
 }
 
