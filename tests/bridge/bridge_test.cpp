@@ -178,6 +178,17 @@ TEST_F(Server, APeerOfAnotherUserIsRefused) {
     EXPECT_TRUE(status == 0 && g_handled == 0);
 }
 
+TEST_F(Server, NoSocketInABaseThatOthersCanWriteWithoutTheStickyBit) {
+    kvotest::TempDir safe;
+    setenv("TMPDIR", safe.path().c_str(), 1);
+    for (mode_t mode : {0777, 01777}) {  // another user could swap our directory in the first only
+        BridgeServerStop();
+        chmod(runtime.path().c_str(), mode);
+        ASSERT_TRUE(BridgeServerStart(Echo));
+        EXPECT_EQ(BridgeSocketPath().rfind((mode == 0777 ? safe : runtime).path() + "/kavori-", 0), 0u) << BridgeSocketPath();
+    }
+}
+
 TEST_F(Server, TheExtensionSpeaksOnlyToTheHostsProcess) {
     bool other = true, host = false;
     WithPeers([&] {
