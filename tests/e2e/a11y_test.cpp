@@ -9,6 +9,12 @@
 
 #include "tests/e2e/e2e.h"
 
+#if defined(__SANITIZE_ADDRESS__)
+// libatspi keeps what it learnt of the desktop to the end of the process;
+// the host's own leak check is elsewhere.
+extern "C" const char* __asan_default_options() { return "detect_leaks=0"; }
+#endif
+
 namespace kvotest {
 namespace {
 
@@ -64,6 +70,11 @@ TEST_F(RealHost, ThePinDialogIsUsableThroughAtSpi) {
     ASSERT_TRUE(atspi_component_grab_focus(atspi_accessible_get_component_iface(field), nullptr));
     ASSERT_TRUE(PollUntil([&] { return atspi_state_set_contains(atspi_accessible_get_state_set(field), ATSPI_STATE_FOCUSED); }));
     x.Query({"xdotool", "type", "--delay", "30", "123456"});
+    // The keys reach the page on their own way: press only once all six are in.
+    AtspiText* text = atspi_accessible_get_text_iface(field);
+    ASSERT_TRUE(text);
+    EXPECT_TRUE(PollUntil([&] { return atspi_text_get_character_count(text, nullptr) == 6; }));
+    g_object_unref(text);
     AtspiAction* press = atspi_accessible_get_action_iface(unlock);
     ASSERT_TRUE(press && atspi_action_get_n_actions(press, nullptr) > 0);
     ASSERT_TRUE(atspi_action_do_action(press, 0, nullptr));
