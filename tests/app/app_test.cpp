@@ -268,6 +268,11 @@ TEST_F(Places, ScriptsTheTestOptionAndTheAdminProgramRunInSessionsOfTheirOwn) {
     RunMaintenanceScript("uninstall", false);
     EXPECT_EQ(pauses.size(), 103u);
     EXPECT_EQ(std::count(pauses.begin() + 2, pauses.end(), 999000u), 100);
+    PutFile(system + "/.install", "#!/bin/sh\n", 0600);  // cannot be run: the child ends, no second host goes on
+    pid_t self = getpid();
+    RunMaintenanceScript("install", false);
+    if (getpid() != self) PutFile(root.file("escaped"), ""), _exit(0);
+    EXPECT_FALSE(FileExists(root.file("escaped")));
     SetLaunchPauseForTests(nullptr);
     Probe(system + "/usr/bin/kvo");
     LaunchAdminProgram();
