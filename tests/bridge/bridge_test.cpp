@@ -178,6 +178,19 @@ TEST_F(Server, APeerOfAnotherUserIsRefused) {
     EXPECT_TRUE(status == 0 && g_handled == 0);
 }
 
+TEST_F(Server, AHelloInPiecesIsStillServed) {
+    bool served = false;
+    WithPeers([&] {
+        Peer peer;
+        std::string hello = EncodeRequest(BridgeRequest{BRIDGE_HELLO, 1, {token}, 0});
+        peer.Send(hello.substr(0, 5));
+        usleep(100000);  // the host reads the start alone
+        char header[kFrameHeaderSize];
+        served = peer.Send(hello.substr(5)) && peer.Request(1, "x") && recv(peer.fd, header, sizeof header, MSG_WAITALL) == 4;
+    });
+    EXPECT_TRUE(served && g_handled == 1);
+}
+
 TEST_F(Server, NoSocketInABaseThatOthersCanWriteWithoutTheStickyBit) {
     kvotest::TempDir safe;
     setenv("TMPDIR", safe.path().c_str(), 1);
