@@ -234,7 +234,8 @@ TEST(ScriptObject, ConsoleLinesNameTheirOriginAndEscapeWhatATerminalWouldObey) {
     const char* rows[][3] = {
         {"https://a.example:8443/p.html", "plain é", "[https://a.example:8443] https://a.example:8443/p.html:7: plain é"},
         {"file:///d/p.html", "\x1b[31mred\nkvo-scripted: forged", "[file://] file:///d/p.html:7: \\x1b[31mred\\x0akvo-scripted: forged"},
-        {nullptr, "a\\b\x7f\xc2\x9b\t", "[null] :7: a\\\\b\\x7f\\x9b\\x09"}, {"about:blank", "", "[null] about:blank:7: "}};
+        {nullptr, "a\\b\x7f\xc2\x9b\t", "[null] :7: a\\\\b\\x7f\\x9b\\x09"}, {"about:blank", "", "[null] about:blank:7: "},
+        {"HTTP://A.example:80/x", "", "[http://a.example] HTTP://A.example:80/x:7: "}, {"http://b/", "", "[http://b] http://b/:7: "}};
     for (const auto& r : rows) EXPECT_EQ(ConsoleLine("console.log", r[0], 7, r[1]), std::string("console.log: ") + r[2] + "\n");
 }
 
