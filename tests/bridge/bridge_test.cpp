@@ -178,6 +178,16 @@ TEST_F(Server, APeerOfAnotherUserIsRefused) {
     EXPECT_TRUE(status == 0 && g_handled == 0);
 }
 
+TEST_F(Server, APeerGoneWithItsReplyUnsentIsClosed) {
+    WithPeers([&] {
+        Peer peer;
+        peer.Request(0, token), peer.Request(1, "big");  // more than the socket takes at once
+        usleep(200000);
+    });  // closed here, the reply half sent
+    for (int i = 0; i < 500 && BridgeConnectionCount() > 0; ++i) g_main_context_iteration(nullptr, FALSE), usleep(1000);
+    EXPECT_EQ(BridgeConnectionCount(), 0u);
+}
+
 TEST_F(Server, AHelloInPiecesIsStillServed) {
     bool served = false;
     WithPeers([&] {

@@ -132,9 +132,9 @@ using Windows = RealHost;
 TEST_F(Windows, GeometryTitleIconAndSizeHintsAsXHasThem) {
     const std::string icon = SourceDir() + "/tests/fixtures/pages/kvo.ico";
     struct Row { std::vector<std::string> arguments; std::string shape, title; bool fixed; } rows[] = {
-        // 400 x (330 - 30), 100 from the right edge and 50 from the bottom.
-        {{"-size", "0x0190014A", "-position", "0x80648032", "-title", "Sized", "-icon", icon, "-wait", "300000"},
-         "400x300+780+674", "Sized", true},
+        // 400 x (330 - 30), at the left edge and 50 from the bottom (an x of 0 still moves it).
+        {{"-size", "0x0190014A", "-position", "0x00008032", "-title", "Sized", "-icon", icon, "-wait", "300000"},
+         "400x300+0+674", "Sized", true},
         // As high as the screen, so only x is centred; -position is not looked at.
         {{"-position", "0x00100010", "-size", "32769054", "-center", "-resizing"}, "500x1024+390+0", "Kavori", false},
         // An ordinary window of the screen's size, not the toolkit's full-screen state.
