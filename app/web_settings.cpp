@@ -4,11 +4,11 @@
 
 #include <cstring>
 
-#include "app/host_state.h"
 #include "app/developer.h"
-#include "native/plugin_session.h"
+#include "app/host_state.h"
 #include "app/user_agent.h"
 #include "app/web_view.h"
+#include "native/plugin_session.h"
 
 namespace {
 constexpr uint32_t kUserAgentSize = 256;
