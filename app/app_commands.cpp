@@ -9,8 +9,8 @@
 #include <cstring>
 
 #include "app/host_state.h"
-#include "app/options.h"
 #include "app/launch.h"
+#include "app/options.h"
 
 char* g_exitResult = nullptr;
 char* g_exitSuccessText = nullptr;
@@ -18,7 +18,7 @@ char* g_exitSuccessText = nullptr;
 namespace {
 
 void ReplaceText(char** slot, const char* text) {
-    delete[] *slot;
+    delete[] * slot;
     *slot = text ? CopyText(text, strlen(text)) : nullptr;
 }
 

@@ -13,7 +13,9 @@ constexpr uint32_t kPathSize = 256;
 void (*g_pause)(uint32_t microseconds) = SleepUnlessTerminated;
 }  // namespace
 
-void SetLaunchPauseForTests(void (*pause)(uint32_t microseconds)) { g_pause = pause ? pause : SleepUnlessTerminated; }
+void SetLaunchPauseForTests(void (*pause)(uint32_t microseconds)) {
+    g_pause = pause ? pause : SleepUnlessTerminated;
+}
 
 void LaunchAdminProgram() {
     char path[kPathSize];

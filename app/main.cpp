@@ -125,7 +125,8 @@ int main(int argc, char** argv) {
         FindOptionValue(count, vector, "-useragent", &userAgent);
         char iconBuffer[kPathSize] = {};
         const char* iconPath = nullptr;
-        if (!FindOptionValue(count, vector, "-icon", &iconPath) && FindWindowIcon(iconBuffer, sizeof iconBuffer)) {
+        if (!FindOptionValue(count, vector, "-icon", &iconPath) &&
+            FindWindowIcon(iconBuffer, sizeof iconBuffer)) {
             iconPath = iconBuffer;
         }
         const char* title = nullptr;

@@ -48,7 +48,9 @@ int FindOptionNumber(int32_t argc, char** argv, const char* name, uint32_t* numb
     return 1;
 }
 
-int HasOption(int32_t argc, char** argv, const char* name) { return FindOptionNumber(argc, argv, name, nullptr); }
+int HasOption(int32_t argc, char** argv, const char* name) {
+    return FindOptionNumber(argc, argv, name, nullptr);
+}
 
 uint32_t ParseNumber(const char* text) {
     if (text == nullptr) return 0;

@@ -35,13 +35,15 @@ bool Exists(const char* path) {
 
 // A script runs with the user's rights: only one that nobody else could
 // have planted or changed counts as there.
-bool JoinTrustedScript(char* out, uint32_t size, const char* first, const char* second, const char* third = nullptr) {
+bool JoinTrustedScript(char* out, uint32_t size, const char* first, const char* second,
+                       const char* third = nullptr) {
     struct stat st;
     return Join(out, size, first, second, third) && stat(out, &st) == 0 &&
            (st.st_uid == getuid() || st.st_uid == 0) && (st.st_mode & (S_IWGRP | S_IWOTH)) == 0;
 }
 
-bool JoinExisting(char* out, uint32_t size, const char* first, const char* second, const char* third = nullptr) {
+bool JoinExisting(char* out, uint32_t size, const char* first, const char* second,
+                  const char* third = nullptr) {
     return Join(out, size, first, second, third) && Exists(out);
 }
 

@@ -58,7 +58,8 @@ bool WriteResult(const char* path, const char* text) {
     if (lstat(path, &st) != 0) return errno == ENOENT && ReplaceFile(path, text, 0600);
     bool ours = st.st_uid == getuid();
     if (S_ISREG(st.st_mode) && ours) return ReplaceFile(path, text, st.st_mode & 07777);
-    if ((S_ISFIFO(st.st_mode) || S_ISCHR(st.st_mode)) && (ours || st.st_uid == 0)) return WriteToStream(path, text);
+    if ((S_ISFIFO(st.st_mode) || S_ISCHR(st.st_mode)) && (ours || st.st_uid == 0))
+        return WriteToStream(path, text);
     errno = S_ISLNK(st.st_mode) ? ELOOP : EPERM;
     return false;
 }

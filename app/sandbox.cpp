@@ -15,12 +15,25 @@ bool SandboxUsable() {
     if (!busless && access(SystemPath(PLACE_DBUS_PROXY), X_OK) != 0) return false;
     // The namespaces WebKit asks for; a kernel or container that refuses
     // them makes every web process fail to start.
-    const char* argv[] = {SystemPath(PLACE_BWRAP), "--unshare-all", "--die-with-parent", "--ro-bind", "/", "/",
-                          "/bin/true", nullptr};
+    const char* argv[] = {SystemPath(PLACE_BWRAP),
+                          "--unshare-all",
+                          "--die-with-parent",
+                          "--ro-bind",
+                          "/",
+                          "/",
+                          "/bin/true",
+                          nullptr};
     gint status = -1;
-    if (!g_spawn_sync(nullptr, const_cast<gchar**>(argv), nullptr,
-                      GSpawnFlags(G_SPAWN_STDOUT_TO_DEV_NULL | G_SPAWN_STDERR_TO_DEV_NULL), nullptr, nullptr, nullptr, nullptr,
-                      &status, nullptr)) {
+    if (!g_spawn_sync(nullptr,
+                      const_cast<gchar**>(argv),
+                      nullptr,
+                      GSpawnFlags(G_SPAWN_STDOUT_TO_DEV_NULL | G_SPAWN_STDERR_TO_DEV_NULL),
+                      nullptr,
+                      nullptr,
+                      nullptr,
+                      nullptr,
+                      &status,
+                      nullptr)) {
         return false;
     }
     return g_spawn_check_wait_status(status, nullptr);
@@ -28,14 +41,16 @@ bool SandboxUsable() {
 
 bool EnableSandbox(WebKitWebContext* context, const char* bridgeDirectory) {
     if (!SandboxUsable()) {
-        fprintf(stderr, "kavori-host: web pages run without WebKit's sandbox: bubblewrap (%s) cannot run here\n",
+        fprintf(stderr,
+                "kavori-host: web pages run without WebKit's sandbox: bubblewrap (%s) cannot run here\n",
                 SystemPath(PLACE_BWRAP));
         return false;
     }
     webkit_web_context_set_sandbox_enabled(context, TRUE);
     // Read-only is enough: connecting to a socket needs no write access to
     // the file system it is on.
-    if (bridgeDirectory && bridgeDirectory[0]) webkit_web_context_add_path_to_sandbox(context, bridgeDirectory, TRUE);
+    if (bridgeDirectory && bridgeDirectory[0])
+        webkit_web_context_add_path_to_sandbox(context, bridgeDirectory, TRUE);
     // WebKit's own switch for debugging leaves the processes outside.
     return !getenv("WEBKIT_DISABLE_SANDBOX_THIS_IS_DANGEROUS");
 }

@@ -36,21 +36,22 @@ void HandleBridgeRequest(const BridgeRequest& request, BridgeReply* reply) {
             if (a[0] && a[1]) PluginSetProperty(GetReadyHandle(), a[0]->c_str(), a[1]->c_str());
             break;
         case BRIDGE_ENUM_PROPERTY:
-            if (a[0] && a[1]) SetAnswer(PluginEnumProperty(GetReadyHandle(), a[0]->c_str(), a[1]->c_str()), reply);
+            if (a[0] && a[1])
+                SetAnswer(PluginEnumProperty(GetReadyHandle(), a[0]->c_str(), a[1]->c_str()), reply);
             break;
         case BRIDGE_INVOKE:
             if (a[0]) reply->code = PluginInvoke(GetReadyHandle(), a[0]->c_str());
             break;
         case BRIDGE_APPLICATION:
             if (a[0]) {
-                reply->code = RunApplicationCommand(a[0]->c_str(), request.argc, a[1] ? a[1]->c_str() : nullptr,
-                                                    a[2] ? a[2]->c_str() : nullptr, request.number);
+                reply->code = RunApplicationCommand(a[0]->c_str(),
+                                                    request.argc,
+                                                    a[1] ? a[1]->c_str() : nullptr,
+                                                    a[2] ? a[2]->c_str() : nullptr,
+                                                    request.number);
             }
             break;
-        case BRIDGE_TURN_ENDED:
-            EndExitTurn();
-            break;
-        default:
-            break;
+        case BRIDGE_TURN_ENDED: EndExitTurn(); break;
+        default: break;
     }
 }

@@ -127,6 +127,6 @@ char** JoinArgumentVectors(char** first, int32_t firstCount, char** second, int3
 
 void FreeArgumentVector(char** vector) {
     if (vector == nullptr) return;
-    for (char** entry = vector; *entry != nullptr; ++entry) delete[] *entry;
+    for (char** entry = vector; *entry != nullptr; ++entry) delete[] * entry;
     delete[] vector;
 }

@@ -37,7 +37,8 @@ bool ComposeUserAgent(WebKitSettings* settings, char* buffer, uint32_t size) {
         // it (a line end, "Debian GNU/Linux/12"): its line end goes first,
         // then, if that is not enough, the whole description.
         size_t length = strlen(buffer);
-        while (length > 0 && (buffer[length - 1] == '\n' || buffer[length - 1] == '\r')) buffer[--length] = '\0';
+        while (length > 0 && (buffer[length - 1] == '\n' || buffer[length - 1] == '\r'))
+            buffer[--length] = '\0';
         if (!IsCarriedUserAgent(buffer)) {
             char* joiningBlank = strchr(buffer + strlen(defaultAgent) + 1, ' ');
             if (joiningBlank != nullptr) *joiningBlank = '\0';

@@ -31,7 +31,8 @@ int g_crashCount = 0;
 // view's own top-level document is not on the list, no request is served.
 void HandleGatedRequest(const BridgeRequest& request, BridgeReply* reply) {
     if (!TrustedOrigins().empty() &&
-        (!g_webView || !OriginTrusted(TrustedOrigins(), webkit_web_view_get_uri(WEBKIT_WEB_VIEW(g_webView))))) {
+        (!g_webView ||
+         !OriginTrusted(TrustedOrigins(), webkit_web_view_get_uri(WEBKIT_WEB_VIEW(g_webView))))) {
         return;
     }
     HandleBridgeRequest(request, reply);
@@ -54,7 +55,8 @@ void OnInitializeWebExtensions(WebKitWebContext* context, gpointer) {
 // opaque origin whatever its URL, so its URL's origin proves nothing.
 bool SandboxedByPolicy(WebKitURIResponse* response) {
     SoupMessageHeaders* headers = response ? webkit_uri_response_get_http_headers(response) : nullptr;
-    const char* policy = headers ? soup_message_headers_get_list(headers, "Content-Security-Policy") : nullptr;
+    const char* policy =
+        headers ? soup_message_headers_get_list(headers, "Content-Security-Policy") : nullptr;
     bool sandboxed = false;
     gchar** directives = g_strsplit_set(policy ? policy : "", ";,", -1);
     for (gchar** directive = directives; *directive && !sandboxed; ++directive) {
@@ -75,7 +77,8 @@ bool SandboxedByPolicy(WebKitURIResponse* response) {
 // frame's document is only taken from a listed origin.  Navigation
 // decisions look the same for sub-frames and the main frame; the response
 // decision tells them apart, after redirects, before anything is shown.
-gboolean OnDecidePolicy(WebKitWebView*, WebKitPolicyDecision* decision, WebKitPolicyDecisionType type, gpointer) {
+gboolean OnDecidePolicy(WebKitWebView*, WebKitPolicyDecision* decision, WebKitPolicyDecisionType type,
+                        gpointer) {
     if (TrustedOrigins().empty()) return FALSE;
     if (type == WEBKIT_POLICY_DECISION_TYPE_NEW_WINDOW_ACTION) {
         webkit_policy_decision_ignore(decision);
@@ -85,10 +88,14 @@ gboolean OnDecidePolicy(WebKitWebView*, WebKitPolicyDecision* decision, WebKitPo
     WebKitResponsePolicyDecision* response = WEBKIT_RESPONSE_POLICY_DECISION(decision);
     if (!webkit_response_policy_decision_is_main_frame_main_resource(response)) return FALSE;
     const char* uri = webkit_uri_request_get_uri(webkit_response_policy_decision_get_request(response));
-    if (OriginTrusted(TrustedOrigins(), uri) && !SandboxedByPolicy(webkit_response_policy_decision_get_response(response))) {
+    if (OriginTrusted(TrustedOrigins(), uri) &&
+        !SandboxedByPolicy(webkit_response_policy_decision_get_response(response))) {
         return FALSE;
     }
-    fprintf(stderr, "kavori-host: refused navigation to %s: its origin is not in KAVORI_TRUSTED_ORIGINS, or is sandboxed\n", uri ? uri : "");
+    fprintf(stderr,
+            "kavori-host: refused navigation to %s: its origin is not in KAVORI_TRUSTED_ORIGINS, or is "
+            "sandboxed\n",
+            uri ? uri : "");
     webkit_policy_decision_ignore(decision);
     return TRUE;
 }
@@ -99,7 +106,8 @@ void OnWebProcessTerminated(WebKitWebView* view, WebKitWebProcessTerminationReas
     ++g_crashCount;
     gint64 oldest = g_crashTimes[g_crashCount % kMaxCrashes];
     if (g_crashCount >= kMaxCrashes && now - oldest < kCrashWindowUs) {
-        webkit_web_view_load_plain_text(view, "This dialog stopped working. Please close the window and try again.");
+        webkit_web_view_load_plain_text(
+            view, "This dialog stopped working. Please close the window and try again.");
         return;
     }
     if (g_startUrl) webkit_web_view_load_uri(view, g_startUrl);
@@ -136,7 +144,8 @@ void RemoveSocketAtExit() { BridgeRemoveSocketDirectory(); }
 
 const std::vector<std::string>& TrustedOrigins() {
     static std::vector<std::string>* origins = nullptr;
-    if (!origins) origins = new std::vector<std::string>(ParseTrustedOrigins(getenv("KAVORI_TRUSTED_ORIGINS")));
+    if (!origins)
+        origins = new std::vector<std::string>(ParseTrustedOrigins(getenv("KAVORI_TRUSTED_ORIGINS")));
     return *origins;
 }
 
@@ -177,7 +186,8 @@ GtkWidget* BuildWebViewBox() {
     gtk_scrolled_window_set_policy(GTK_SCROLLED_WINDOW(scrolled), GTK_POLICY_AUTOMATIC, GTK_POLICY_AUTOMATIC);
     // WebKit hands a session only views made for automation.
     gboolean automation = AutomationMode() ? TRUE : FALSE;
-    g_webView = GTK_WIDGET(g_object_new(WEBKIT_TYPE_WEB_VIEW, "is-controlled-by-automation", automation, nullptr));
+    g_webView =
+        GTK_WIDGET(g_object_new(WEBKIT_TYPE_WEB_VIEW, "is-controlled-by-automation", automation, nullptr));
     g_signal_connect(g_webView, "web-process-terminated", G_CALLBACK(OnWebProcessTerminated), nullptr);
     g_signal_connect(g_webView, "decide-policy", G_CALLBACK(OnDecidePolicy), nullptr);
     if (automation) g_signal_connect(g_webView, "close", G_CALLBACK(OnCloseRequested), nullptr);

@@ -95,7 +95,8 @@ PageRun BridgeRoundTrip(const std::string& buildDir, const std::string& sourceDi
     std::string store = std::string(dir) + "/result.txt";
     std::string answersPath = std::string(dir) + "/answers.txt";
     std::ofstream(answersPath) << answers;
-    std::string url = "file://" + sourceDir + "/bench/pages/bridge.html#" + std::to_string(calls) + "," + property;
+    std::string url =
+        "file://" + sourceDir + "/bench/pages/bridge.html#" + std::to_string(calls) + "," + property;
     std::string command = std::string(pinned ? "taskset -c 0 " : "") + "env KVO_TEST_ANSWERS=" + answersPath +
                           " XDG_RUNTIME_DIR=" + dir + " " + buildDir + "/bin/kavori-host -url '" + url +
                           "' -root " + buildDir + "/tests/fixtures/plugins/recording -store " + store +
@@ -142,11 +143,19 @@ int main(int argc, char** argv) {
             raw.push_back(RawRoundTrip(calls, 64, 48, c.pinned));
         }
         double b = Median(bridge), r = Median(raw);
-        printf("bridge round trip (%s): %.2f us per GetProperty, raw socket %.2f us, ratio %.2f (goal <= 1.25)\n",
-               c.name, b, r, b / r);
+        printf(
+            "bridge round trip (%s): %.2f us per GetProperty, raw socket %.2f us, ratio %.2f (goal <= "
+            "1.25)\n",
+            c.name,
+            b,
+            r,
+            b / r);
         if (!c.pinned) {
-            printf("lazy start: first call %.0f us (loads the plug-in unless the key hand-over did), second %.0f us\n",
-                   Median(first), Median(later));
+            printf(
+                "lazy start: first call %.0f us (loads the plug-in unless the key hand-over did), second "
+                "%.0f us\n",
+                Median(first),
+                Median(later));
         }
     }
 
@@ -162,7 +171,11 @@ int main(int argc, char** argv) {
             raw.push_back(RawRoundTrip(n, 64, static_cast<size_t>(size), false));
         }
         double b = Median(bridge), r = Median(raw);
-        printf("large answer %7d bytes: %.1f us per call, raw socket copy %.1f us, ratio %.2f\n", size, b, r, b / r);
+        printf("large answer %7d bytes: %.1f us per call, raw socket copy %.1f us, ratio %.2f\n",
+               size,
+               b,
+               r,
+               b / r);
     }
     return 0;
 }

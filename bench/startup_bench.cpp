@@ -68,7 +68,9 @@ private:
             if (client < 0) continue;
             double now = NowMs();
             char request[1024] = {0};
-            if (recv(client, request, sizeof request - 1, 0) > 0 && strstr(request, "GET /loaded") && m_at == 0) m_at = now;
+            if (recv(client, request, sizeof request - 1, 0) > 0 && strstr(request, "GET /loaded") &&
+                m_at == 0)
+                m_at = now;
             const char reply[] = "HTTP/1.0 204 No Content\r\nConnection: close\r\n\r\n";
             if (send(client, reply, sizeof reply - 1, MSG_NOSIGNAL) < 0) {
             }
@@ -96,7 +98,8 @@ std::vector<int> Descendants(int root) {
             if (close == std::string::npos) continue;
             int state_ppid = 0;
             char state;
-            if (sscanf(line.c_str() + close + 1, " %c %d", &state, &state_ppid) == 2 && state_ppid == all[i]) {
+            if (sscanf(line.c_str() + close + 1, " %c %d", &state, &state_ppid) == 2 &&
+                state_ppid == all[i]) {
                 all.push_back(pid);
             }
         }
@@ -182,13 +185,14 @@ int main(int argc, char** argv) {
     Beacon beacon;
     std::string url = "file://" + sourceDir + "/bench/pages/startup.html#" + std::to_string(beacon.port());
     const unsigned long colour = 0x2a6fdb;
-    std::vector<std::string> host = {buildDir + "/bin/kavori-host", "-url", url, "-root",
-                                     buildDir + "/tests/fixtures/plugins/recording"};
+    std::vector<std::string> host = {
+        buildDir + "/bin/kavori-host", "-url", url, "-root", buildDir + "/tests/fixtures/plugins/recording"};
     std::vector<std::string> surf = {"surf", url};
     // The same host with WebKit's sandbox switched off by WebKit's own variable.
     std::vector<std::string> open = {"env", "WEBKIT_DISABLE_SANDBOX_THIS_IS_DANGEROUS=1"};
     open.insert(open.end(), host.begin(), host.end());
-    std::vector<double> hostLoad, hostPaint, hostPss, surfLoad, surfPaint, surfPss, openLoad, openPaint, openPss;
+    std::vector<double> hostLoad, hostPaint, hostPss, surfLoad, surfPaint, surfPss, openLoad, openPaint,
+        openPss;
     for (int i = 0; i < runs; ++i) {  // A, B, C, A, B, C
         Run a = Measure(display, host, beacon, colour);
         Run b = Measure(display, surf, beacon, colour);
@@ -199,13 +203,28 @@ int main(int argc, char** argv) {
     }
     double hl = Median(hostLoad), hp = Median(hostPaint), hm = Median(hostPss);
     double sl = Median(surfLoad), sp = Median(surfPaint), sm = Median(surfPss);
-    printf("start-up to load event: host %.0f ms, surf %.0f ms, ratio %.2f (goal <= 0.90)\n", hl, sl, hl / sl);
-    printf("start-up to first paint: host %.0f ms, surf %.0f ms, ratio %.2f (goal <= 0.90)\n", hp, sp, hp / sp);
-    printf("memory after load (PSS, all processes): host %.1f MiB, surf %.1f MiB, ratio %.2f (goal <= 1.00)\n", hm, sm,
-           hm / sm);
+    printf(
+        "start-up to load event: host %.0f ms, surf %.0f ms, ratio %.2f (goal <= 0.90)\n", hl, sl, hl / sl);
+    printf(
+        "start-up to first paint: host %.0f ms, surf %.0f ms, ratio %.2f (goal <= 0.90)\n", hp, sp, hp / sp);
+    printf(
+        "memory after load (PSS, all processes): host %.1f MiB, surf %.1f MiB, ratio %.2f (goal <= 1.00)\n",
+        hm,
+        sm,
+        hm / sm);
     double ol = Median(openLoad), op = Median(openPaint), om = Median(openPss);
-    printf("sandbox cost: load %.0f / %.0f ms (%.2f), first paint %.0f / %.0f ms (%.2f), PSS %.1f / %.1f MiB (%.2f)\n",
-           hl, ol, hl / ol, hp, op, hp / op, hm, om, hm / om);
+    printf(
+        "sandbox cost: load %.0f / %.0f ms (%.2f), first paint %.0f / %.0f ms (%.2f), PSS %.1f / %.1f MiB "
+        "(%.2f)\n",
+        hl,
+        ol,
+        hl / ol,
+        hp,
+        op,
+        hp / op,
+        hm,
+        om,
+        hm / om);
     XCloseDisplay(display);
     return 0;
 }

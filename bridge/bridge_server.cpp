@@ -76,8 +76,10 @@ bool SameBytes(const std::string& a, const std::string& b) {
 // Sends what is pending.  False when the peer is gone.
 bool Flush(Connection* connection) {
     while (connection->outOffset < connection->out.size()) {
-        ssize_t n = send(connection->fd, connection->out.data() + connection->outOffset,
-                         connection->out.size() - connection->outOffset, MSG_NOSIGNAL | MSG_DONTWAIT);
+        ssize_t n = send(connection->fd,
+                         connection->out.data() + connection->outOffset,
+                         connection->out.size() - connection->outOffset,
+                         MSG_NOSIGNAL | MSG_DONTWAIT);
         if (n > 0) {
             connection->outOffset += static_cast<size_t>(n);
             continue;
@@ -243,7 +245,8 @@ gboolean OnConnection(gint fd, GIOCondition, gpointer) {
     if (peer < 0) return G_SOURCE_CONTINUE;
     struct ucred credentials;
     socklen_t length = sizeof credentials;
-    if (getsockopt(peer, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0 || credentials.uid != getuid()) {
+    if (getsockopt(peer, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0 ||
+        credentials.uid != getuid()) {
         close(peer);
         return G_SOURCE_CONTINUE;
     }
@@ -320,7 +323,8 @@ bool BridgeServerStart(BridgeHandler handler) {
     memset(&address, 0, sizeof address);
     address.sun_family = AF_UNIX;
     memcpy(address.sun_path, g_socketPathRaw, strlen(g_socketPathRaw));
-    if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 || listen(fd, 16) != 0) {
+    if (fd < 0 || bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+        listen(fd, 16) != 0) {
         if (fd >= 0) close(fd);
         BridgeRemoveSocketDirectory();
         return false;

@@ -124,7 +124,8 @@ void EncodeRequestInto(const BridgeRequest& request, std::string* frame) {
     char* cursor = body + 2;
     for (int i = 0; i < 3; ++i) cursor = PutMaybe(cursor, request.text[i]);
     memcpy(body + numberAt, &request.number, 8);
-    for (int i = 0; i < 3; ++i) PutOffset(body + numberAt + 8 + static_cast<size_t>(i) * offsetSize, ends[2 - i], offsetSize);
+    for (int i = 0; i < 3; ++i)
+        PutOffset(body + numberAt + 8 + static_cast<size_t>(i) * offsetSize, ends[2 - i], offsetSize);
 }
 
 void EncodeReplyInto(const BridgeReply& reply, std::string* frame) {
@@ -179,7 +180,8 @@ bool DecodeRequest(const void* data, size_t size, BridgeRequest* request) {
     if (size < 2 + 8 + 3 * offsetSize) return false;
     size_t offsetsAt = size - 3 * offsetSize;
     size_t ends[3];
-    for (int i = 0; i < 3; ++i) ends[2 - i] = GetOffset(body + offsetsAt + static_cast<size_t>(i) * offsetSize, offsetSize);
+    for (int i = 0; i < 3; ++i)
+        ends[2 - i] = GetOffset(body + offsetsAt + static_cast<size_t>(i) * offsetSize, offsetSize);
     if (ends[0] < 2 || ends[0] > ends[1] || ends[1] > ends[2]) return false;
     size_t numberAt = Align(ends[2], 8);
     if (numberAt + 8 != offsetsAt || !ZeroBytes(body, ends[2], numberAt)) return false;
@@ -217,12 +219,16 @@ GVariant* MakeStartupData(const StartupData& data) {
     GVariantBuilder origins;
     g_variant_builder_init(&origins, G_VARIANT_TYPE_STRING_ARRAY);
     for (const std::string& origin : data.trustedOrigins) {
-        if (g_utf8_validate(origin.c_str(), -1, nullptr)) g_variant_builder_add(&origins, "s", origin.c_str());
+        if (g_utf8_validate(origin.c_str(), -1, nullptr))
+            g_variant_builder_add(&origins, "s", origin.c_str());
     }
-    return g_variant_new("(@ay@ayuasu)",
-                         g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, data.socketPath.data(), data.socketPath.size(), 1),
-                         g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, data.token.data(), data.token.size(), 1),
-                         data.flags, &origins, data.hostPid);
+    return g_variant_new(
+        "(@ay@ayuasu)",
+        g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, data.socketPath.data(), data.socketPath.size(), 1),
+        g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, data.token.data(), data.token.size(), 1),
+        data.flags,
+        &origins,
+        data.hostPid);
 }
 
 bool ParseStartupData(GVariant* variant, StartupData* data) {

@@ -29,9 +29,9 @@ enum BridgeOp : uint8_t {
 
 struct BridgeRequest {
     uint8_t op = BRIDGE_HELLO;
-    uint8_t argc = 0;  // the page's argument count, capped at 255
+    uint8_t argc = 0;                    // the page's argument count, capped at 255
     std::optional<std::string> text[3];  // arguments that were strings
-    double number = 0;  // Application: argument 2 when it was a number, else NaN
+    double number = 0;                   // Application: argument 2 when it was a number, else NaN
 };
 
 struct BridgeReply {
@@ -61,7 +61,7 @@ void ReleaseLargeBuffer(std::string* buffer);
 // before it is reused, grown or freed, so no copy lingers in memory.
 void Wipe(std::string* bytes);  // its size() bytes
 void Wipe(BridgeRequest* request);
-void Wipe(BridgeReply* reply);    // its own text, not a borrowed one
+void Wipe(BridgeReply* reply);  // its own text, not a borrowed one
 // Resizes to size; when that reallocates, the old storage is zeroed first.
 void ResizeWiped(std::string* bytes, size_t size);
 

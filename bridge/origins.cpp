@@ -22,7 +22,8 @@ std::string OriginOf(const char* url) {
         origin = std::string(scheme) + "://" + (literal ? "[" : "") + lowerHost + (literal ? "]" : "");
         g_free(lowerHost);
         int port = g_uri_get_port(uri);
-        bool defaultPort = (port == 80 && strcmp(scheme, "http") == 0) || (port == 443 && strcmp(scheme, "https") == 0);
+        bool defaultPort =
+            (port == 80 && strcmp(scheme, "http") == 0) || (port == 443 && strcmp(scheme, "https") == 0);
         if (port > 0 && !defaultPort) origin += ":" + std::to_string(port);
     }
     g_free(scheme);

@@ -35,12 +35,14 @@ static std::string NormalBytes(GVariant* value) {
 
 // Not trusted, so GLib checks it all (and copies it if it is not aligned).
 static bool IsNormal(const char* type, const std::string& body) {
-    return NormalBytes(g_variant_new_from_data(G_VARIANT_TYPE(type), body.data(), body.size(), FALSE, nullptr, nullptr)) == body;
+    return NormalBytes(g_variant_new_from_data(
+               G_VARIANT_TYPE(type), body.data(), body.size(), FALSE, nullptr, nullptr)) == body;
 }
 
 static GVariant* Maybe(const std::optional<std::string>& text) {
-    return g_variant_new_maybe(G_VARIANT_TYPE_BYTESTRING,
-                               text ? g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, text->data(), text->size(), 1) : nullptr);
+    return g_variant_new_maybe(
+        G_VARIANT_TYPE_BYTESTRING,
+        text ? g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, text->data(), text->size(), 1) : nullptr);
 }
 
 // Both decoders on a whole frame's body; true with *r when it is a request.
@@ -52,10 +54,15 @@ static bool CheckFrame(const std::string& frame, BridgeRequest* r) {
     FUZZ_CHECK(isReply == IsNormal("(mayi)", body));
     FUZZ_CHECK(!isReply || (EncodeReply(reply) == frame &&
                             NormalBytes(g_variant_new("(@mayi)", Maybe(reply.text), reply.code)) == body));
-    FUZZ_CHECK(isRequest == (IsNormal("(yymaymaymayd)", body) && static_cast<uint8_t>(body[0]) < BRIDGE_OP_COUNT));
-    FUZZ_CHECK(!isRequest || (EncodeRequest(*r) == frame &&
-                              NormalBytes(g_variant_new("(yy@may@may@mayd)", r->op, r->argc, Maybe(r->text[0]),
-                                                      Maybe(r->text[1]), Maybe(r->text[2]), r->number)) == body));
+    FUZZ_CHECK(isRequest ==
+               (IsNormal("(yymaymaymayd)", body) && static_cast<uint8_t>(body[0]) < BRIDGE_OP_COUNT));
+    FUZZ_CHECK(!isRequest || (EncodeRequest(*r) == frame && NormalBytes(g_variant_new("(yy@may@may@mayd)",
+                                                                                      r->op,
+                                                                                      r->argc,
+                                                                                      Maybe(r->text[0]),
+                                                                                      Maybe(r->text[1]),
+                                                                                      Maybe(r->text[2]),
+                                                                                      r->number)) == body));
     return isRequest;
 }
 
@@ -103,12 +110,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (int rounds = 0, open = 1; open; ++rounds) {
         FUZZ_CHECK(rounds < 200000);  // a connection that is never closed is a hang
         // Once the host has closed, sending fails and the read below sees the end.
-        ssize_t n = send(fd, &stream[sent], std::min(chunk, stream.size() - sent), MSG_DONTWAIT | MSG_NOSIGNAL);
+        ssize_t n =
+            send(fd, &stream[sent], std::min(chunk, stream.size() - sent), MSG_DONTWAIT | MSG_NOSIGNAL);
         sent += n > 0 ? static_cast<size_t>(n) : 0;
         if (sent == stream.size()) shutdown(fd, SHUT_WR);
         for (int i = 0; i < 4; ++i) g_main_context_iteration(nullptr, FALSE);
         char buffer[65536];
-        while ((n = recv(fd, buffer, sizeof buffer, MSG_DONTWAIT)) > 0) received.append(buffer, static_cast<size_t>(n));
+        while ((n = recv(fd, buffer, sizeof buffer, MSG_DONTWAIT)) > 0)
+            received.append(buffer, static_cast<size_t>(n));
         open = n < 0 && (errno == EAGAIN || errno == EINTR);
     }
     close(fd);

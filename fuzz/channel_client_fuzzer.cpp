@@ -33,7 +33,8 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     sockaddr_un address{AF_UNIX, {}};
     path.copy(address.sun_path, sizeof address.sun_path - 1);
     g_listenFd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    FUZZ_CHECK(bind(g_listenFd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 && listen(g_listenFd, 4) == 0);
+    FUZZ_CHECK(bind(g_listenFd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+               listen(g_listenFd, 4) == 0);
     ChannelConfigure(path, std::string(kTokenSize, 't'));
     atexit([] { unlink(path.c_str()), rmdir(directory); });
     return 0;

@@ -20,17 +20,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FUZZ_CHECK(found == (at > 0) && (!found ? !value : want ? value == want : value && !*value));  // no copy
     uint32_t number = 0xA5A5A5A5u;
     FUZZ_CHECK(FindOptionNumber(argc, argv.data(), name.c_str(), &number) == found &&
-               number == (!found ? 0xA5A5A5A5u : want ? ParseNumber(want) : 0u));
+               number == (!found ? 0xA5A5A5A5u
+                          : want ? ParseNumber(want)
+                                 : 0u));
     FUZZ_CHECK(FindOptionNumber(argc, argv.data(), name.c_str(), nullptr) == found &&
                HasOption(argc, argv.data(), name.c_str()) == found);
     if (argc > 1) FindOptionValue(argc - 1, argv.data(), name.c_str(), &value);  // stays inside the count
 
-    // Plain values: up to nine decimal digits; uppercase hex digits, alone or after "0x", the last eight counting.
+    // Plain values: up to nine decimal digits; uppercase hex digits, alone or after "0x", the last eight
+    // counting.
     for (const std::string& t : pieces) {
         bool prefixed = t.compare(0, 2, "0x") == 0;
         std::string hex = t.substr(prefixed ? 2 : 0);
         uint32_t parsed = ParseNumber(t.c_str()), digits = ParseHexDigits(t.c_str());
-        uint32_t last8 = static_cast<uint32_t>(strtoul(hex.c_str() + (hex.size() > 8 ? hex.size() - 8 : 0), nullptr, 16));
+        uint32_t last8 =
+            static_cast<uint32_t>(strtoul(hex.c_str() + (hex.size() > 8 ? hex.size() - 8 : 0), nullptr, 16));
         if (!hex.empty() && hex.find_first_not_of("0123456789ABCDEF") == std::string::npos)
             FUZZ_CHECK((prefixed ? parsed : digits) == last8);
         if (!t.empty() && t.size() <= 9 && t.find_first_not_of("0123456789") == std::string::npos)

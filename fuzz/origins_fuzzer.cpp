@@ -20,8 +20,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     bool listed = trusted.empty();
     for (const std::string& entry : trusted) {
         listed = listed || (!origin.empty() && entry == origin);
-        bool ordinary = entry.compare(0, 9, "unusable:") != 0 &&
-                        entry.find_first_not_of("abcdefghijklmnopqrstuvwxyz0123456789+-.:/[]") == std::string::npos;
+        bool ordinary =
+            entry.compare(0, 9, "unusable:") != 0 &&
+            entry.find_first_not_of("abcdefghijklmnopqrstuvwxyz0123456789+-.:/[]") == std::string::npos;
         FUZZ_CHECK(!ordinary || OriginOf(entry.c_str()) == entry);
     }
     FUZZ_CHECK(OriginTrusted(trusted, url.c_str()) == listed);

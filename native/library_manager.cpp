@@ -5,8 +5,8 @@
 
 #include "native/system_places.h"
 #include "native/trace.h"
-#include "native/wrapper_plugin.h"
 #include "native/wrapper_pkcs11.h"
+#include "native/wrapper_plugin.h"
 
 // Both wrappers live in this one unit so that their order is fixed: the
 // module wrapper is built first and destroyed last, which makes the plug-in
@@ -110,7 +110,8 @@ void SetLibraryRoot(const char* root) {
 void GetLibraryDirectory(char* out, uint32_t size) {
     if (out == nullptr || size == 0) return;
     out[0] = '\0';
-    if (g_libraryDirectory[0] == '\0' && !GetDefaultLibraryDirectory(g_libraryDirectory, sizeof g_libraryDirectory)) {
+    if (g_libraryDirectory[0] == '\0' &&
+        !GetDefaultLibraryDirectory(g_libraryDirectory, sizeof g_libraryDirectory)) {
         return;
     }
     size_t length = strlen(g_libraryDirectory);

@@ -21,8 +21,11 @@ void CopyPath(char* out, const char* path) {
 }
 
 void Start(const char* root, const char* configPath) {
-    if (StartLibraries(nullptr, IsEmpty(root) ? SystemPath(PLACE_LIBRARY_DIR) : root,
-                       IsEmpty(configPath) ? SystemPath(PLACE_GLOBAL_CONFIG) : configPath, nullptr, 0,
+    if (StartLibraries(nullptr,
+                       IsEmpty(root) ? SystemPath(PLACE_LIBRARY_DIR) : root,
+                       IsEmpty(configPath) ? SystemPath(PLACE_GLOBAL_CONFIG) : configPath,
+                       nullptr,
+                       0,
                        LOAD_PLUGIN) == KVO_OK) {
         g_readyHandle = &g_wrapperPlugin;
     }

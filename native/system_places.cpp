@@ -5,8 +5,12 @@
 
 namespace {
 
-const char* const kRealPaths[PLACE_COUNT] = {"/usr/bin/kvo", "/etc/kvo/", "/usr/lib/", "/etc/kvo.conf",
-                                             "/etc/issue.net", "/usr/bin/bwrap",
+const char* const kRealPaths[PLACE_COUNT] = {"/usr/bin/kvo",
+                                             "/etc/kvo/",
+                                             "/usr/lib/",
+                                             "/etc/kvo.conf",
+                                             "/etc/issue.net",
+                                             "/usr/bin/bwrap",
                                              "/usr/bin/xdg-dbus-proxy"};
 // Empty: the real places.  Fixed buffers, so no global constructor runs.
 char g_moved[PLACE_COUNT][256];

@@ -7,13 +7,13 @@
 #pragma once
 
 enum SystemPlace {
-    PLACE_SYSTEM_PROGRAM,   // "/usr/bin/kvo"
-    PLACE_SYSTEM_ETC,       // "/etc/kvo/"
-    PLACE_LIBRARY_DIR,      // "/usr/lib/", the default library directory
-    PLACE_GLOBAL_CONFIG,    // "/etc/kvo.conf"
-    PLACE_OS_DESCRIPTION,   // "/etc/issue.net"
-    PLACE_BWRAP,            // "/usr/bin/bwrap", as WebKit's sandbox runs it
-    PLACE_DBUS_PROXY,       // "/usr/bin/xdg-dbus-proxy", likewise
+    PLACE_SYSTEM_PROGRAM,  // "/usr/bin/kvo"
+    PLACE_SYSTEM_ETC,      // "/etc/kvo/"
+    PLACE_LIBRARY_DIR,     // "/usr/lib/", the default library directory
+    PLACE_GLOBAL_CONFIG,   // "/etc/kvo.conf"
+    PLACE_OS_DESCRIPTION,  // "/etc/issue.net"
+    PLACE_BWRAP,           // "/usr/bin/bwrap", as WebKit's sandbox runs it
+    PLACE_DBUS_PROXY,      // "/usr/bin/xdg-dbus-proxy", likewise
     PLACE_COUNT
 };
 

@@ -13,7 +13,7 @@ namespace {
 uint32_t g_traceFlags = 0;
 TraceCallback g_traceSink = nullptr;
 
-const char kPkcs11CallPrefix[] = "Pkcs11 - C_";       // 11 bytes
+const char kPkcs11CallPrefix[] = "Pkcs11 - C_";        // 11 bytes
 const char kPkcs11ReturnPrefix[] = "Pkcs11 - Return";  // 15 bytes
 const char kPluginWebPrefix[] = "Web -";               // 5 bytes
 
@@ -31,8 +31,7 @@ TraceCallback GetTraceFilter(uint32_t selector) {
             return (g_traceFlags & (TRACE_PKCS11_ALL | TRACE_PKCS11_CALLS)) ? Pkcs11TraceFilter : nullptr;
         case TRACE_SOURCE_PLUGIN:
             return (g_traceFlags & (TRACE_PLUGIN_ALL | TRACE_PLUGIN_WEB)) ? PluginTraceFilter : nullptr;
-        default:
-            return nullptr;
+        default: return nullptr;
     }
 }
 

@@ -6,7 +6,6 @@
 
 #include "native/library_file.h"
 
-
 CWrapperPKCS11::CWrapperPKCS11()
     : m_hModule(nullptr),
       m_pFunctionList(nullptr),
@@ -43,7 +42,8 @@ bool CWrapperPKCS11::Load(const char* directory) {
     m_pfnSetVariable = reinterpret_cast<PFN_C_SetVariable>(dlsym(m_hModule, "C_SetVariable"));
     m_pfnGetVariable = reinterpret_cast<PFN_C_GetVariable>(dlsym(m_hModule, "C_GetVariable"));
     m_pfnAddExternalSlot = reinterpret_cast<PFN_C_AddExternalSlot>(dlsym(m_hModule, "C_AddExternalSlot"));
-    m_pfnRemoveExternalSlot = reinterpret_cast<PFN_C_RemoveExternalSlot>(dlsym(m_hModule, "C_RemoveExternalSlot"));
+    m_pfnRemoveExternalSlot =
+        reinterpret_cast<PFN_C_RemoveExternalSlot>(dlsym(m_hModule, "C_RemoveExternalSlot"));
 
     // Without a function list the handle is kept: Load keeps answering true
     // from now on and Initialize reports the general error.
@@ -72,7 +72,8 @@ CK_RV CWrapperPKCS11::Initialize(void* pInitArgs) {
         return CKR_OK;
     }
     if (m_hModule == nullptr && !Load(nullptr)) return CKR_GENERAL_ERROR;
-    if (m_pFunctionList == nullptr && (!Load(nullptr) || m_pFunctionList == nullptr)) return CKR_GENERAL_ERROR;
+    if (m_pFunctionList == nullptr && (!Load(nullptr) || m_pFunctionList == nullptr))
+        return CKR_GENERAL_ERROR;
     if (m_pFunctionList->C_Initialize == nullptr) return CKR_GENERAL_ERROR;
 
     CK_RV rv = m_pFunctionList->C_Initialize(pInitArgs);
@@ -95,7 +96,8 @@ CK_RV CWrapperPKCS11::Finalize(void* pReserved) {
     --m_nInitCount;
     if (m_nInitCount > 0 || !m_bInitializedHere) return CKR_OK;
     m_bInitializedHere = false;
-    if (m_pFunctionList == nullptr && (!Load(nullptr) || m_pFunctionList == nullptr)) return CKR_GENERAL_ERROR;
+    if (m_pFunctionList == nullptr && (!Load(nullptr) || m_pFunctionList == nullptr))
+        return CKR_GENERAL_ERROR;
     if (m_pFunctionList->C_Finalize == nullptr) return CKR_GENERAL_ERROR;
     return m_pFunctionList->C_Finalize(pReserved);
 }

@@ -113,4 +113,6 @@ intptr_t CWrapperPlugin::SetTraceCallback(TraceCallback callback) {
     return m_pfnSetTraceCallback(callback);
 }
 
-void CWrapperPlugin::AppendString(char* buffer, size_t size, const char* text) { AppendBounded(buffer, size, text); }
+void CWrapperPlugin::AppendString(char* buffer, size_t size, const char* text) {
+    AppendBounded(buffer, size, text);
+}

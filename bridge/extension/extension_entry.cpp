@@ -44,7 +44,8 @@ const char* LevelName(WebKitConsoleMessageLevel level) {
 void OnConsoleMessage(WebKitWebPage*, WebKitConsoleMessage* message, gpointer) {
     std::string line = ConsoleLine(LevelName(webkit_console_message_get_level(message)),
                                    webkit_console_message_get_source_id(message),
-                                   webkit_console_message_get_line(message), webkit_console_message_get_text(message));
+                                   webkit_console_message_get_line(message),
+                                   webkit_console_message_get_text(message));
     fputs(line.c_str(), stderr);
     fflush(stderr);
 }
@@ -66,7 +67,9 @@ extern "C" __attribute__((visibility("default"))) void webkit_web_extension_init
     } else {
         g_startup->trustedOrigins.clear();
     }
-    g_signal_connect(webkit_script_world_get_default(), "window-object-cleared", G_CALLBACK(OnWindowObjectCleared),
+    g_signal_connect(webkit_script_world_get_default(),
+                     "window-object-cleared",
+                     G_CALLBACK(OnWindowObjectCleared),
                      nullptr);
     if (g_startup->flags & STARTUP_DEVELOPER) {
         g_signal_connect(extension, "page-created", G_CALLBACK(OnPageCreated), nullptr);

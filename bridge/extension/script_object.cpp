@@ -37,7 +37,7 @@ constexpr size_t kShortAnswer = 1024;
 struct GlibLink {
     JSGlobalContextRef global;
     JSCContext* context;
-    JSCValue* holder;        // keeps holderObject alive
+    JSCValue* holder;  // keeps holderObject alive
     JSObjectRef holderObject;
 };
 std::vector<GlibLink*>* g_links = nullptr;
@@ -179,12 +179,14 @@ JSValueRef Invoke(JSContextRef context, JSObjectRef, JSObjectRef, size_t argumen
     request.op = BRIDGE_INVOKE;
     request.argc = CappedCount(argumentCount);
     BridgeReply reply;
-    if (argumentCount < 1 || !TakeStrings(context, arguments, 1, &request)) return JSValueMakeNumber(context, 0);
+    if (argumentCount < 1 || !TakeStrings(context, arguments, 1, &request))
+        return JSValueMakeNumber(context, 0);
     if (!g_transport(request, &reply)) return JSValueMakeNumber(context, 0);
     return JSValueMakeNumber(context, static_cast<double>(reply.code));
 }
 
-JSValueRef TurnEnded(JSContextRef context, JSObjectRef, JSObjectRef, size_t, const JSValueRef[], JSValueRef*) {
+JSValueRef TurnEnded(JSContextRef context, JSObjectRef, JSObjectRef, size_t, const JSValueRef[],
+                     JSValueRef*) {
     Call request;
     request.op = BRIDGE_TURN_ENDED;
     BridgeReply reply;
@@ -201,9 +203,11 @@ void QueueTurnEnd(JSContextRef context) {
     JSValueRef exception = nullptr;
     JSValueRef value = JSObjectGetProperty(context, global, name, &exception);
     JSStringRelease(name);
-    JSObjectRef setTimeout = value && JSValueIsObject(context, value) ? JSValueToObject(context, value, &exception) : nullptr;
+    JSObjectRef setTimeout =
+        value && JSValueIsObject(context, value) ? JSValueToObject(context, value, &exception) : nullptr;
     if (!setTimeout || !JSObjectIsFunction(context, setTimeout)) return;
-    JSValueRef arguments[] = {JSObjectMakeFunctionWithCallback(context, nullptr, TurnEnded), JSValueMakeNumber(context, 0)};
+    JSValueRef arguments[] = {JSObjectMakeFunctionWithCallback(context, nullptr, TurnEnded),
+                              JSValueMakeNumber(context, 0)};
     JSObjectCallAsFunction(context, setTimeout, global, 2, arguments, &exception);
 }
 
@@ -213,7 +217,8 @@ JSValueRef Application(JSContextRef context, JSObjectRef, JSObjectRef, size_t ar
     request.op = BRIDGE_APPLICATION;
     request.argc = CappedCount(argumentCount);
     request.number = NAN;
-    if (argumentCount < 1 || !TakeStrings(context, arguments, 1, &request)) return JSValueMakeNumber(context, 0);
+    if (argumentCount < 1 || !TakeStrings(context, arguments, 1, &request))
+        return JSValueMakeNumber(context, 0);
     for (size_t i = 1; i < 3 && i < argumentCount; ++i) {
         char* text = CopyScriptString(context, arguments[i]);
         if (text) request.text[i] = std::string(text);
@@ -240,15 +245,23 @@ const JSStaticFunction kavoriStaticFunctions[] = {
 };
 
 const JSClassDefinition kavoriClassDefinition = {
-    0,                         // version
-    kJSClassAttributeNone,     // attributes
-    "Kavori",                  // className
-    nullptr,                   // parentClass
-    nullptr,                   // staticValues
-    kavoriStaticFunctions,     // staticFunctions
-    NothingWithContext,        // initialize
-    Nothing,                   // finalize
-    nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr,
+    0,                      // version
+    kJSClassAttributeNone,  // attributes
+    "Kavori",               // className
+    nullptr,                // parentClass
+    nullptr,                // staticValues
+    kavoriStaticFunctions,  // staticFunctions
+    NothingWithContext,     // initialize
+    Nothing,                // finalize
+    nullptr,
+    nullptr,
+    nullptr,
+    nullptr,
+    nullptr,
+    nullptr,
+    nullptr,
+    nullptr,
+    nullptr,
 };
 
 }  // namespace
@@ -277,7 +290,8 @@ void InstallScriptObject(JSGlobalContextRef context) {
     static JSClassRef kavoriClass = JSClassCreate(&kavoriClassDefinition);
     JSObjectRef object = JSObjectMake(context, kavoriClass, nullptr);
     JSStringRef name = JSStringCreateWithUTF8CString("Kavori");
-    JSObjectSetProperty(context, JSContextGetGlobalObject(context), name, object, kJSPropertyAttributeNone, nullptr);
+    JSObjectSetProperty(
+        context, JSContextGetGlobalObject(context), name, object, kJSPropertyAttributeNone, nullptr);
     JSStringRelease(name);
 }
 

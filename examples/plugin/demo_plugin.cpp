@@ -161,7 +161,10 @@ void DemoPlugin::EnsureModule() {
     std::string why;
     m_moduleResult = m_module.Open(m_modulePath, &why);
     if (m_moduleResult != CKR_OK) {
-        Log("Module %s not usable: %s (%s)", m_modulePath.c_str(), why.c_str(), ResultName(m_moduleResult).c_str());
+        Log("Module %s not usable: %s (%s)",
+            m_modulePath.c_str(),
+            why.c_str(),
+            ResultName(m_moduleResult).c_str());
         return;
     }
     Log("Module %s opened", m_modulePath.c_str());
@@ -259,11 +262,11 @@ char* DemoPlugin::EnumProperty(const std::string& first, const char* second) {
     EnsureModule();
     if (index >= m_tokens.size()) return nullptr;
     const TokenEntry& token = m_tokens[index];
-    std::string json = "{\"slot\":" + std::to_string(token.slot) + ",\"label\":" + JsonString(token.label) +
-                       ",\"serial\":" + JsonString(token.serial) +
-                       ",\"manufacturer\":" + JsonString(token.manufacturer) +
-                       ",\"model\":" + JsonString(token.model) +
-                       ",\"selected\":" + (m_hasSelection && token.slot == m_selected ? "true" : "false") + "}";
+    std::string json =
+        "{\"slot\":" + std::to_string(token.slot) + ",\"label\":" + JsonString(token.label) +
+        ",\"serial\":" + JsonString(token.serial) + ",\"manufacturer\":" + JsonString(token.manufacturer) +
+        ",\"model\":" + JsonString(token.model) +
+        ",\"selected\":" + (m_hasSelection && token.slot == m_selected ? "true" : "false") + "}";
     return Answer(json);
 }
 
@@ -319,7 +322,9 @@ CK_RV DemoPlugin::Invoke(const std::string& command) {
         m_pin.Wipe();
         m_pinSet = false;
         const TokenEntry* token = Selected();
-        Log("Login on slot %lu: %s", token ? static_cast<unsigned long>(token->slot) : 0UL, ResultName(rv).c_str());
+        Log("Login on slot %lu: %s",
+            token ? static_cast<unsigned long>(token->slot) : 0UL,
+            ResultName(rv).c_str());
     } else if (command == "Refresh") {
         EnsureModule();
         rv = Refresh();

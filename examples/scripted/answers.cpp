@@ -80,7 +80,8 @@ void ReadEnumerations(JsonObject* table, const std::string& where,
     json_object_iter_init(&iter, table);
     while (json_object_iter_next(&iter, &first, &node)) {
         std::string at = where + "." + Quoted(first);
-        if (JsonObject* second = TableOf(node, at, problems)) ReadProperties(second, at, &(*out)[first], problems);
+        if (JsonObject* second = TableOf(node, at, problems))
+            ReadProperties(second, at, &(*out)[first], problems);
     }
 }
 

@@ -9,9 +9,9 @@
 namespace kvo_scripted {
 
 struct Answers {
-    std::map<std::string, std::string> properties;                          // "GetProperty"
+    std::map<std::string, std::string> properties;                           // "GetProperty"
     std::map<std::string, std::map<std::string, std::string>> enumerations;  // "EnumProperty"
-    std::map<std::string, int32_t> commands;                                // "Invoke"
+    std::map<std::string, int32_t> commands;                                 // "Invoke"
 };
 
 // Reads the file at path.  Every problem found is one line in *problems,

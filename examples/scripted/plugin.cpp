@@ -131,7 +131,8 @@ KVO_PLUGIN_EXPORT intptr_t PlgFinalize(PlgInstance handle) {
 // A null value forgets what the page set, so the file answers again.
 KVO_PLUGIN_EXPORT intptr_t PlgSetProperty(PlgInstance handle, const char* name, const char* value) {
     Instance* instance = static_cast<Instance*>(handle);
-    Log("SetProperty " + Quote(name) + " = " + Shown(name, value) + (instance ? "" : " (no instance, dropped)"));
+    Log("SetProperty " + Quote(name) + " = " + Shown(name, value) +
+        (instance ? "" : " (no instance, dropped)"));
     if (instance == nullptr || name == nullptr) return 0;
     if (value) {
         instance->set[name] = value;
@@ -181,10 +182,13 @@ KVO_PLUGIN_EXPORT int32_t PlgInvoke(PlgInstance handle, const char* command) {
     const std::string* key = nullptr;
     int32_t code = instance ? kvo_scripted::MatchCommand(instance->answers, command ? command : "", &key) : 0;
     std::string shown = command ? std::string(command, strcspn(command, " ")) : std::string();
-    Log("Invoke " + (command ? Quote(shown.c_str()) + (shown.size() < strlen(command) ? " ..." : "") : "null") +
-        " -> " + std::to_string(code) +
-        (!instance ? " (no instance)" : key && !key->empty() && key->back() == '*' ? " by " + Quote(key->c_str())
-                : key ? " (exact key)" : std::string(" (no key matched)")));
+    Log("Invoke " +
+        (command ? Quote(shown.c_str()) + (shown.size() < strlen(command) ? " ..." : "") : "null") + " -> " +
+        std::to_string(code) +
+        (!instance                                    ? " (no instance)"
+         : key && !key->empty() && key->back() == '*' ? " by " + Quote(key->c_str())
+         : key                                        ? " (exact key)"
+                                                      : std::string(" (no key matched)")));
     return code;
 }
 

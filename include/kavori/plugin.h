@@ -42,7 +42,8 @@ typedef int32_t (*PFN_PlgInvoke)(PlgInstance instance, const char* command);
 /* Optional; no instance handle.  Called before PlgInitialize. */
 typedef intptr_t (*PFN_PlgSetTraceCallback)(TraceCallback callback);
 
-KVO_PLUGIN_EXPORT intptr_t PlgInitialize(void* arg1, void* arg2, void* arg3, void* arg4, PlgInstance* instance);
+KVO_PLUGIN_EXPORT intptr_t PlgInitialize(void* arg1, void* arg2, void* arg3, void* arg4,
+                                         PlgInstance* instance);
 KVO_PLUGIN_EXPORT intptr_t PlgFinalize(PlgInstance instance);
 KVO_PLUGIN_EXPORT intptr_t PlgSetProperty(PlgInstance instance, const char* name, const char* value);
 KVO_PLUGIN_EXPORT char* PlgGetProperty(PlgInstance instance, const char* name);

@@ -1,11 +1,11 @@
 // The application shell's units, without a window; the installation's places come from HOME and from system
 // places moved below a directory of the test.
-#include <algorithm>
-#include <gtest/gtest.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <algorithm>
 
 #include <cmath>
 #include <cstring>
@@ -46,41 +46,83 @@ char* Copy(const char* text) { return text ? strcpy(new char[strlen(text) + 1], 
 TEST(Options, FirstExactMatchAfterIndexZeroAndNoValueBeginsWithADash) {
     Argv args("-title -Title X -url \"\" -icon -center -store 3 -store B -wait -5 -size 0x0BB8 -key");
     // Each name with FindOptionValue and FindOptionNumber; absent: the value null, the number untouched.
-    struct { const char* name; int found; const char* value; uint32_t number; } rows[] = {{"-title", 0, nullptr, 7},
-        {"-url", 1, "", 0}, {"-icon", 1, "", 0}, {"-store", 1, "3", 3}, {"-wait", 1, "", 0}, {"-size", 1, "0x0BB8", 3000},
-        {"-key", 1, "", 0}, {"-Center", 0, nullptr, 7}};
+    struct {
+        const char* name;
+        int found;
+        const char* value;
+        uint32_t number;
+    } rows[] = {{"-title", 0, nullptr, 7},
+                {"-url", 1, "", 0},
+                {"-icon", 1, "", 0},
+                {"-store", 1, "3", 3},
+                {"-wait", 1, "", 0},
+                {"-size", 1, "0x0BB8", 3000},
+                {"-key", 1, "", 0},
+                {"-Center", 0, nullptr, 7}};
     for (const auto& r : rows) {
         const char* value = "stale";
         uint32_t number = 7;
-        EXPECT_EQ(FindOptionValue(args.argc, args.argv, r.name, &value) + FindOptionNumber(args.argc, args.argv, r.name, &number) +
-                  HasOption(args.argc, args.argv, r.name), 3 * r.found) << r.name;
-        EXPECT_TRUE((value ? r.value && strcmp(value, r.value) == 0 : !r.value) && number == r.number) << r.name;
+        EXPECT_EQ(FindOptionValue(args.argc, args.argv, r.name, &value) +
+                      FindOptionNumber(args.argc, args.argv, r.name, &number) +
+                      HasOption(args.argc, args.argv, r.name),
+                  3 * r.found)
+            << r.name;
+        EXPECT_TRUE((value ? r.value && strcmp(value, r.value) == 0 : !r.value) && number == r.number)
+            << r.name;
     }
     const char* cut = nullptr;  // a count short of the vector: nothing past it is read
     EXPECT_TRUE(FindOptionValue(args.argc - 2, args.argv, "-size", &cut) && strcmp(cut, "") == 0);
-    std::pair<const char*, uint32_t> texts[] = {{"0X0BB8", 0}, {"12abc", 12}, {"+5", 5}, {"abc", 0}, {"0x", 0}, {"-1", 0xFFFFFFFF},
-        {"4294967297", 1}, {"0xFFFFFFFF", 0xFFFFFFFF}, {"0x123456789", 0x23456789}, {"0xa", 42}};
+    std::pair<const char*, uint32_t> texts[] = {{"0X0BB8", 0},
+                                                {"12abc", 12},
+                                                {"+5", 5},
+                                                {"abc", 0},
+                                                {"0x", 0},
+                                                {"-1", 0xFFFFFFFF},
+                                                {"4294967297", 1},
+                                                {"0xFFFFFFFF", 0xFFFFFFFF},
+                                                {"0x123456789", 0x23456789},
+                                                {"0xa", 42}};
     for (const auto& t : texts) EXPECT_EQ(ParseNumber(t.first), t.second) << t.first;
 }
 
 TEST(Geometry, SizeCenterPositionAndFullscreen) {
-    struct { const char* args; int32_t width, height, x, y; } rows[] = {{"", 256, 384, 0, 0},
-        {"-size 0x01000200", 256, 482, 0, 0}, {"-size 0x0100001F", 256, 1, 0, 0}, {"-size", 0, 1, 0, 0},
-        {"-center", 256, 384, 512, 320}, {"-center -size 0x07D00212", 2000, 500, 0, 262}, {"-position 0x00640032", 256, 384, 100, 50},
-        {"-position 0x80648032 -center", 256, 384, 512, 320}, {"-position 0x80648032", 256, 384, 1280 - 256 - 100, 1024 - 384 - 50},
-        {"-fullscreen -size 0x01000200 -position 0x00640032", 1280, 1024, 0, 0}};  // 0x8000: from the right or bottom
+    struct {
+        const char* args;
+        int32_t width, height, x, y;
+    } rows[] = {{"", 256, 384, 0, 0},
+                {"-size 0x01000200", 256, 482, 0, 0},
+                {"-size 0x0100001F", 256, 1, 0, 0},
+                {"-size", 0, 1, 0, 0},
+                {"-center", 256, 384, 512, 320},
+                {"-center -size 0x07D00212", 2000, 500, 0, 262},
+                {"-position 0x00640032", 256, 384, 100, 50},
+                {"-position 0x80648032 -center", 256, 384, 512, 320},
+                {"-position 0x80648032", 256, 384, 1280 - 256 - 100, 1024 - 384 - 50},
+                {"-fullscreen -size 0x01000200 -position 0x00640032",
+                 1280,
+                 1024,
+                 0,
+                 0}};  // 0x8000: from the right or bottom
     for (const auto& r : rows) {
         Argv args(std::string("host ") + r.args);
         WindowGeometry g = ComputeWindowGeometry(args.argc, args.argv, 1280, 1024);
-        EXPECT_EQ((std::vector<int32_t>{g.width, g.height, g.x, g.y}), (std::vector<int32_t>{r.width, r.height, r.x, r.y}))
+        EXPECT_EQ((std::vector<int32_t>{g.width, g.height, g.x, g.y}),
+                  (std::vector<int32_t>{r.width, r.height, r.x, r.y}))
             << r.args;
     }
 }
 
 TEST(CommandText, BlanksSeparateAndQuotesGroupWithoutEscapes) {
-    std::pair<const char*, Words> rows[] = {{"-url a.html -title \"Two words\"", {"-url", "a.html", "-title", "Two words"}},
-        {"   a    b   ", {"a", "b"}}, {"a\tb c", {"a\tb", "c"}}, {"\"a\\\" b", {"a\\", "b"}}, {"a\"b \"\"", {"a\"b", ""}},
-        {"-title \"open end ", {"-title", "open end "}}, {"", {}}, {nullptr, {}}, {"   ", {""}}};
+    std::pair<const char*, Words> rows[] = {
+        {"-url a.html -title \"Two words\"", {"-url", "a.html", "-title", "Two words"}},
+        {"   a    b   ", {"a", "b"}},
+        {"a\tb c", {"a\tb", "c"}},
+        {"\"a\\\" b", {"a\\", "b"}},
+        {"a\"b \"\"", {"a\"b", ""}},
+        {"-title \"open end ", {"-title", "open end "}},
+        {"", {}},
+        {nullptr, {}},
+        {"   ", {""}}};
     for (const auto& r : rows) {
         int32_t count = -1;
         char** words = SplitCommandText(r.first, &count);
@@ -97,8 +139,11 @@ TEST(StartUrl, PrefixAndRedirectionFromThePluginAndLocalFilesAsFileUrls) {
     Argv received("host -title Real -store");
     int32_t count = received.argc;
     EXPECT_EQ(RedirectCommandLine(received.argv, &count), nullptr);  // nothing configured
-    WriteFile(dir.file("answers"), "ConfigGlobal:Dialog:PathResource\tfile:///kvo/\nConfigGlobal:Command:App\tout -title \"A b\"\n");
-    for (const char* kept : {"https://x/a", "a.html?next=http://x", (const char*)nullptr}) EXPECT_EQ(ResolveStartUrl(kept), kept);
+    WriteFile(
+        dir.file("answers"),
+        "ConfigGlobal:Dialog:PathResource\tfile:///kvo/\nConfigGlobal:Command:App\tout -title \"A b\"\n");
+    for (const char* kept : {"https://x/a", "a.html?next=http://x", (const char*)nullptr})
+        EXPECT_EQ(ResolveStartUrl(kept), kept);
     std::unique_ptr<const char[]> resolved(ResolveStartUrl("index.html"));
     EXPECT_STREQ(resolved.get(), "file:///kvo/index.html");
     char** argv = RedirectCommandLine(received.argv, &count);  // the real words first: they win
@@ -106,23 +151,34 @@ TEST(StartUrl, PrefixAndRedirectionFromThePluginAndLocalFilesAsFileUrls) {
     FreeArgumentVector(argv);
     ASSERT_EQ(chdir(dir.path().c_str()), 0);
     PutFile(dir.file("folder/page.html"), "");
-    for (const char* kept : {"missing.html", "folder", "http://x/folder/page.html", ""}) EXPECT_EQ(FileUrlForLocalPath(kept), kept);
+    for (const char* kept : {"missing.html", "folder", "http://x/folder/page.html", ""})
+        EXPECT_EQ(FileUrlForLocalPath(kept), kept);
     std::unique_ptr<const char[]> fileUrl(FileUrlForLocalPath("folder/page.html"));
     EXPECT_EQ(fileUrl.get(), "file://" + dir.path() + "/folder/page.html");
-    ASSERT_EQ(symlink("folder/page.html", dir.file("link.html").c_str()), 0);  // opened as given: resources beside it
+    ASSERT_EQ(symlink("folder/page.html", dir.file("link.html").c_str()),
+              0);  // opened as given: resources beside it
     std::unique_ptr<const char[]> linkUrl(FileUrlForLocalPath("./link.html"));
     EXPECT_EQ(linkUrl.get(), "file://" + dir.path() + "/link.html");
 }
 
 TEST(Result, SuccessWordsGiveWayToTheSuccessTextAndTheFileHoldsExactlyTheText) {
-    struct { const char *result, *successText, *text; } rows[] = {{nullptr, nullptr, "OK"}, {"", "", "OK"},
-        {nullptr, "done", "done"}, {"OK", "done", "done"}, {"CKR_OK", "done", "done"}, {"CKR_OK", "", "CKR_OK"},
-        {"CKR_PIN_INCORRECT", "done", "CKR_PIN_INCORRECT"}, {"ok", "done", "ok"}, {"OK ", "done", "OK "}};
+    struct {
+        const char *result, *successText, *text;
+    } rows[] = {{nullptr, nullptr, "OK"},
+                {"", "", "OK"},
+                {nullptr, "done", "done"},
+                {"OK", "done", "done"},
+                {"CKR_OK", "done", "done"},
+                {"CKR_OK", "", "CKR_OK"},
+                {"CKR_PIN_INCORRECT", "done", "CKR_PIN_INCORRECT"},
+                {"ok", "done", "ok"},
+                {"OK ", "done", "OK "}};
     for (const auto& r : rows) {
         ReleaseExitTexts();
         g_exitResult = Copy(r.result);
         g_exitSuccessText = Copy(r.successText);
-        EXPECT_STREQ(ResultText(), r.text) << (r.result ? r.result : "-") << "/" << (r.successText ? r.successText : "-");
+        EXPECT_STREQ(ResultText(), r.text)
+            << (r.result ? r.result : "-") << "/" << (r.successText ? r.successText : "-");
     }
     TempDir dir;
     WriteFile(dir.file("result"), "an older and longer content\n");
@@ -154,7 +210,8 @@ TEST(Result, OnlyWhereTheCallerMeantIt) {
     EXPECT_EQ(status, 0);
     struct stat st = {};
     EXPECT_EQ(lstat(dir.file("link").c_str(), &st) == 0 && S_ISLNK(st.st_mode), true);
-    EXPECT_EQ(ReadFileOr(dir.file("victim")) + ReadFileOr(dir.file("mine")) + ReadFileOr(dir.file("new")), "keptRR");
+    EXPECT_EQ(ReadFileOr(dir.file("victim")) + ReadFileOr(dir.file("mine")) + ReadFileOr(dir.file("new")),
+              "keptRR");
     EXPECT_TRUE(!other || ReadFileOr(dir.file("theirs")) == "kept");
     EXPECT_EQ(stat(dir.file("new").c_str(), &st) == 0 ? st.st_mode & 0777 : 0, 0600u);
     EXPECT_EQ(stat(dir.file("mine").c_str(), &st) == 0 ? st.st_mode & 0777 : 0, 0640u);
@@ -166,18 +223,33 @@ TEST(Result, OnlyWhereTheCallerMeantIt) {
 }
 
 TEST(AppCommands, PackedSizesAndNamesThatIgnoreLetterCaseButNotBlanks) {
-    std::pair<double, uint32_t> sizes[] = {{NAN, 0}, {INFINITY, 0}, {0x032001E0, 0x032001E0}, {-1, 0xFFFFFFFF}, {1.9, 1},
-        {-1.9, 0xFFFFFFFF}, {4294967301.0, 5}, {9223372036854775807.0, 0}, {-9223372036854775808.0, 0},
-        {9223372036854774784.0, 0xFFFFFC00}, {1e300, 0}};
+    std::pair<double, uint32_t> sizes[] = {{NAN, 0},
+                                           {INFINITY, 0},
+                                           {0x032001E0, 0x032001E0},
+                                           {-1, 0xFFFFFFFF},
+                                           {1.9, 1},
+                                           {-1.9, 0xFFFFFFFF},
+                                           {4294967301.0, 5},
+                                           {9223372036854775807.0, 0},
+                                           {-9223372036854775808.0, 0},
+                                           {9223372036854774784.0, 0xFFFFFC00},
+                                           {1e300, 0}};
     for (const auto& r : sizes) EXPECT_EQ(PackedSizeFromNumber(r.first), r.second) << r.first;
 
-        // exit and restart show without a window, one command per child: exit in the
+    // exit and restart show without a window, one command per child: exit in the
     // exit texts (status 1), restart in a process that gives way to its successor
     // (status 0).  resize and reload act on the window alone (end-to-end pages).
     SaveArgs("true");
     strcpy(g_ownProgram, "/bin/true");  // not this test program again
-    std::pair<const char*, int> rows[] = {{"exit", 1}, {"ExIt", 1}, {"exit ", 3}, {" EXIT", 3}, {"exits", 3},
-                                          {"restart", 0}, {"RESTART", 0}, {"restart ", 3}, {"reStart\t", 3}};
+    std::pair<const char*, int> rows[] = {{"exit", 1},
+                                          {"ExIt", 1},
+                                          {"exit ", 3},
+                                          {" EXIT", 3},
+                                          {"exits", 3},
+                                          {"restart", 0},
+                                          {"RESTART", 0},
+                                          {"restart ", 3},
+                                          {"reStart\t", 3}};
     for (const auto& r : rows) {
         pid_t child = fork();
         if (child == 0) {
@@ -201,13 +273,17 @@ struct Places : testing::Test {
     }
     // A script that notes its path, its arguments and whether it leads a session of its own.
     void Probe(const std::string& path) {
-        PutFile(path, "#!/bin/sh\nread pid comm state ppid pgrp sid rest < /proc/$$/stat\n[ $pid = $sid ] && s=own || s=shared\n"
-                      "echo $0 $* $s >> " + root.file("runs") + "\n", 0755);
+        PutFile(path,
+                "#!/bin/sh\nread pid comm state ppid pgrp sid rest < /proc/$$/stat\n[ $pid = $sid ] && s=own "
+                "|| s=shared\n"
+                "echo $0 $* $s >> " +
+                    root.file("runs") + "\n",
+                0755);
     }
 };
 
-// Per user before the system: the admin program and its library directory, the icon (beside the host and in the
-// root first); the lazy start's root from -root, else the host's directory.
+// Per user before the system: the admin program and its library directory, the icon (beside the host and in
+// the root first); the lazy start's root from -root, else the host's directory.
 TEST_F(Places, PathsInTheirOrder) {
     EXPECT_EQ(Found(FindAdminProgram) + Found(FindInstalledLibraryDirectory), "");
     PutFile(system + "/usr/bin/kvo", "", 0755);
@@ -215,20 +291,25 @@ TEST_F(Places, PathsInTheirOrder) {
     PutFile(home + "/.kvo/bin/kvo", "", 0755);
     EXPECT_EQ(Found(FindAdminProgram), home + "/.kvo/bin/kvo");
     uint32_t exact = uint32_t(home.size() + strlen("/.kvo/lib"));
-    EXPECT_EQ(Found(FindInstalledLibraryDirectory, exact) + Found(FindInstalledLibraryDirectory, 0), "");  // too small: nothing
+    EXPECT_EQ(Found(FindInstalledLibraryDirectory, exact) + Found(FindInstalledLibraryDirectory, 0),
+              "");  // too small: nothing
     EXPECT_EQ(Found(FindInstalledLibraryDirectory, exact + 1), home + "/.kvo/lib");
 
     TempDir host, lib;
     SaveArgs(host.file("kavori-host") + " -root " + lib.path());
-    const std::string icons[] = {host.file("kvo.ico"), lib.file("kvo.ico"), home + "/.kvo/kvo.ico", system + "/etc/kvo/kvo.ico"};
+    const std::string icons[] = {
+        host.file("kvo.ico"), lib.file("kvo.ico"), home + "/.kvo/kvo.ico", system + "/etc/kvo/kvo.ico"};
     for (const std::string& icon : icons) PutFile(icon, "icon");
     for (const std::string& icon : icons) {
         EXPECT_EQ(Found(FindWindowIcon), icon);
         unlink(icon.c_str());
     }
     EXPECT_EQ(Found(FindWindowIcon), "");
-    std::pair<std::string, std::string> rows[] = {{"/kvo/bin/host -root /r", "/r"}, {"/kvo/bin/host -root", ""},
-        {"/kvo/bin/host -root " + std::string(256, 'r'), "/kvo/bin"}, {"host", ""}};  // "": the default directory
+    std::pair<std::string, std::string> rows[] = {
+        {"/kvo/bin/host -root /r", "/r"},
+        {"/kvo/bin/host -root", ""},
+        {"/kvo/bin/host -root " + std::string(256, 'r'), "/kvo/bin"},
+        {"host", ""}};  // "": the default directory
     for (const auto& r : rows) {
         SaveArgs(r.first);
         char out[256] = "junk";
@@ -256,13 +337,25 @@ TEST_F(Places, ScriptsTheTestOptionAndTheAdminProgramRunInSessionsOfTheirOwn) {
     ASSERT_EQ(chdir(system.c_str()), 0);
     for (const char* name : {"/.kvo/install", "/.kvo/repair", "/.kvo/uninstall"}) Probe(home + name);
     for (const char* name : {"/.install", "/.repair", "/etc/kvo/repair"}) Probe(system + name);
-    for (const char* value : {"", "install", "script  install", "Script install", "script install ", " script repair",
-                              "script", (const char*)nullptr, "script install", "script repair", "script uninstall"}) {
+    for (const char* value : {"",
+                              "install",
+                              "script  install",
+                              "Script install",
+                              "script install ",
+                              " script repair",
+                              "script",
+                              (const char*)nullptr,
+                              "script install",
+                              "script repair",
+                              "script uninstall"}) {
         EXPECT_EQ(RunTestOption(value), 0);  // only the exact values run a script
     }
     chmod((home + "/.kvo/repair").c_str(), 0775);  // others could have changed it: not run
-    static std::vector<uint32_t> pauses;  // the wait's: 0.1 s, then polls 0.999 s apart, 100 at most
-    SetLaunchPauseForTests([](uint32_t us) { pauses.push_back(us); usleep(pauses.size() > 2 ? 0 : 100000); });
+    static std::vector<uint32_t> pauses;           // the wait's: 0.1 s, then polls 0.999 s apart, 100 at most
+    SetLaunchPauseForTests([](uint32_t us) {
+        pauses.push_back(us);
+        usleep(pauses.size() > 2 ? 0 : 100000);
+    });
     RunMaintenanceScript("repair", true);  // reaped at the first poll
     EXPECT_EQ(pauses, (std::vector<uint32_t>{100000}));
     RunMaintenanceScript("repair", false);
@@ -271,7 +364,8 @@ TEST_F(Places, ScriptsTheTestOptionAndTheAdminProgramRunInSessionsOfTheirOwn) {
     EXPECT_EQ(pauses.size(), 103u);
     EXPECT_EQ(std::count(pauses.begin() + 2, pauses.end(), 999000u), 100);
     SetLaunchPauseForTests(nullptr);
-    PutFile(system + "/.install", "#!/bin/sh\n", 0600);  // cannot be run: the child ends, no second host goes on
+    PutFile(
+        system + "/.install", "#!/bin/sh\n", 0600);  // cannot be run: the child ends, no second host goes on
     pid_t self = getpid();
     RunMaintenanceScript("install", false);  // real pauses: it is reaped
     if (getpid() != self) PutFile(root.file("escaped"), ""), _exit(0);
@@ -279,44 +373,82 @@ TEST_F(Places, ScriptsTheTestOptionAndTheAdminProgramRunInSessionsOfTheirOwn) {
     Probe(system + "/usr/bin/kvo");
     LaunchAdminProgram();
     PollUntil([&] { return ReadLines(root.file("runs")).size() == 6; }, 5000);
-    EXPECT_EQ(ReadLines(root.file("runs")), (Words{".install own", home + "/.kvo/repair own", home + "/.kvo/uninstall own",
-        system + "/etc/kvo/repair own", ".repair own", system + "/usr/bin/kvo -admin own"}));
+    EXPECT_EQ(ReadLines(root.file("runs")),
+              (Words{".install own",
+                     home + "/.kvo/repair own",
+                     home + "/.kvo/uninstall own",
+                     system + "/etc/kvo/repair own",
+                     ".repair own",
+                     system + "/usr/bin/kvo -admin own"}));
 }
 
 TEST_F(Places, UserAgentFromWebKitsTheProductVersionAndTheSystemsDescriptionAndWhatWebKitCarries) {
-    const std::string issue = system + "/etc/issue.net", ubuntu = "Ubuntu 16.04.7 LTS\n", tail = " Kavori/6.7 Ubuntu/16.04";
+    const std::string issue = system + "/etc/issue.net", ubuntu = "Ubuntu 16.04.7 LTS\n",
+                      tail = " Kavori/6.7 Ubuntu/16.04";
     const std::string a127(127, 'a'), a191(191, 'a');
-    struct { std::string agent, productInfo, issue; uint32_t size; std::string text; } rows[] = {  // issue "-": none
-        {"Agent", "Name;x;6.7.2,", "-", 256, "Agent Kavori/6.7"}, {"Agent", "Name;x 06070002", ubuntu, 256, ""},
-        {"A", "N;x;06,", "Debian GNU/Linux 9\n", 256, "A Kavori/6. Debian GNU/Linux/9\n"},  // cut before a second dot only
-        {a127, "N;x;0607,", ubuntu, 192, a127 + tail}, {a127 + "a", "N;x;0607,", ubuntu, 192, ""},  // agent + 64 < size
+    struct {
+        std::string agent, productInfo, issue;
+        uint32_t size;
+        std::string text;
+    } rows[] = {
+        // issue "-": none
+        {"Agent", "Name;x;6.7.2,", "-", 256, "Agent Kavori/6.7"},
+        {"Agent", "Name;x 06070002", ubuntu, 256, ""},
+        {"A",
+         "N;x;06,",
+         "Debian GNU/Linux 9\n",
+         256,
+         "A Kavori/6. Debian GNU/Linux/9\n"},  // cut before a second dot only
+        {a127, "N;x;0607,", ubuntu, 192, a127 + tail},
+        {a127 + "a", "N;x;0607,", ubuntu, 192, ""},  // agent + 64 < size
         {"A", std::string(100, 'n') + ";x;0607" + std::string(146, '0') + ",", ubuntu, 256, "A" + tail},
-        {"A", std::string(100, 'n') + ";x;0607" + std::string(147, '0') + ",", ubuntu, 256, ""},  // the name counts
+        {"A",
+         std::string(100, 'n') + ";x;0607" + std::string(147, '0') + ",",
+         ubuntu,
+         256,
+         ""},  // the name counts
         {a191, "N;x;0607,", std::string(60, 'd'), 256, a191 + " Kavori/6.7 " + std::string(52, 'd')}};
     for (const auto& r : rows) {
         r.issue == "-" ? (void)unlink(issue.c_str()) : (void)PutFile(issue, r.issue);
         std::unique_ptr<char[]> buffer(new char[r.size]());
         std::string info = r.productInfo;
-        EXPECT_EQ(ComposeUserAgentText(r.agent.c_str(), &info[0], buffer.get(), r.size), !r.text.empty()) << r.agent;
+        EXPECT_EQ(ComposeUserAgentText(r.agent.c_str(), &info[0], buffer.get(), r.size), !r.text.empty())
+            << r.agent;
         EXPECT_EQ(buffer.get(), r.text) << r.productInfo;
     }
     char info[] = "N;x;0607,", buffer[256] = {};
-    EXPECT_FALSE(ComposeUserAgentText(nullptr, info, buffer, 256) || ComposeUserAgentText("A", nullptr, buffer, 256) ||
+    EXPECT_FALSE(ComposeUserAgentText(nullptr, info, buffer, 256) ||
+                 ComposeUserAgentText("A", nullptr, buffer, 256) ||
                  ComposeUserAgentText("A", info, nullptr, 256));
-    std::pair<std::string, std::string> versions[] = {{"06070002", "6.7"}, {"12030000", "12.3"}, {"0000", "0.0"}, {"", "."},
-                                                      {"6", "6."}, {"061", "6.1"}};
+    std::pair<std::string, std::string> versions[] = {
+        {"06070002", "6.7"}, {"12030000", "12.3"}, {"0000", "0.0"}, {"", "."}, {"6", "6."}, {"061", "6.1"}};
     for (const auto& v : versions) {
-        std::unique_ptr<char[]> exact(new char[v.first.size()]);  // no terminator: a read past the field overflows
+        std::unique_ptr<char[]> exact(
+            new char[v.first.size()]);  // no terminator: a read past the field overflows
         memcpy(exact.get(), v.first.data(), v.first.size());
         char out[16] = "v";
         AppendVersionDigits(exact.get(), v.first.size(), out);
         EXPECT_EQ(out, "v" + v.second) << v.first;
     }
     std::pair<const char*, bool> agents[] = {
-        {"Mozilla/5.0 (X11; Linux x86_64) AppleWebKit/605.1.15 (KHTML, like Gecko) Kavori/6.7 Ubuntu/16.04", 1},
-        {"A", 1}, {"A/1(c)", 1}, {"A (a (nested) \\) c)\tB", 1}, {"", 0}, {nullptr, 0}, {"(c) A", 0}, {"A/", 0},
-        {"/1", 0}, {"A ", 0}, {"A (open", 0}, {"A (c\\", 0}, {"A (c\x01)", 0}, {"Ubuntu/16.04\n", 0}, {"Caf\xc3\xa9", 0}};
-    for (const auto& a : agents) EXPECT_EQ(IsCarriedUserAgent(a.first), a.second) << (a.first ? a.first : "(null)");
+        {"Mozilla/5.0 (X11; Linux x86_64) AppleWebKit/605.1.15 (KHTML, like Gecko) Kavori/6.7 Ubuntu/16.04",
+         1},
+        {"A", 1},
+        {"A/1(c)", 1},
+        {"A (a (nested) \\) c)\tB", 1},
+        {"", 0},
+        {nullptr, 0},
+        {"(c) A", 0},
+        {"A/", 0},
+        {"/1", 0},
+        {"A ", 0},
+        {"A (open", 0},
+        {"A (c\\", 0},
+        {"A (c\x01)", 0},
+        {"Ubuntu/16.04\n", 0},
+        {"Caf\xc3\xa9", 0}};
+    for (const auto& a : agents)
+        EXPECT_EQ(IsCarriedUserAgent(a.first), a.second) << (a.first ? a.first : "(null)");
 }
 
 }  // namespace

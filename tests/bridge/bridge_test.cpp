@@ -1,5 +1,6 @@
-// The bridge: the wire format against GLib's own serialisation, the host's server under broken and hostile peers
-// with the web process's channel as the well-behaved one, the script object over a transport of the test's.
+// The bridge: the wire format against GLib's own serialisation, the host's server under broken and hostile
+// peers with the web process's channel as the well-behaved one, the script object over a transport of the
+// test's.
 #include <glib.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
@@ -23,48 +24,63 @@
 namespace {
 
 std::string Glib(GVariant* value) {  // GLib's serialised form of the value
-    std::string body(static_cast<const char*>(g_variant_get_data(g_variant_ref_sink(value))), g_variant_get_size(value));
+    std::string body(static_cast<const char*>(g_variant_get_data(g_variant_ref_sink(value))),
+                     g_variant_get_size(value));
     return g_variant_unref(value), body;
 }
 GVariant* Maybe(const std::optional<std::string>& text) {
-    GVariant* bytes = text ? g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, text->data(), text->size(), 1) : nullptr;
+    GVariant* bytes =
+        text ? g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, text->data(), text->size(), 1) : nullptr;
     return g_variant_new_maybe(G_VARIANT_TYPE_BYTESTRING, bytes);
 }
 std::string Glib(const BridgeRequest& r) {
-    return Glib(g_variant_new("(yy@may@may@mayd)", r.op, r.argc, Maybe(r.text[0]), Maybe(r.text[1]), Maybe(r.text[2]), r.number));
+    return Glib(g_variant_new(
+        "(yy@may@may@mayd)", r.op, r.argc, Maybe(r.text[0]), Maybe(r.text[1]), Maybe(r.text[2]), r.number));
 }
 std::string Glib(const BridgeReply& r) { return Glib(g_variant_new("(@mayi)", Maybe(r.text), r.code)); }
 
 TEST(Channel, ByteForByteGlibsFormAndOnlyItsNormalForms) {
     // Sizes around the offset-width steps; an empty text is not an absent one.
     for (size_t size : {0, 240, 256, 65530, 70000}) {
-        BridgeRequest request{uint8_t(size % 6), uint8_t(size), {std::string(size, 'a'), std::nullopt, std::string()}, NAN}, out;
+        BridgeRequest request{
+            uint8_t(size % 6), uint8_t(size), {std::string(size, 'a'), std::nullopt, std::string()}, NAN},
+            out;
         BridgeReply reply{std::string(size, 'r'), -1}, back, none{std::nullopt, 5};
         std::string frame = EncodeRequest(request), body = frame.substr(kFrameHeaderSize);
         EXPECT_TRUE(ReadFrameLength(frame.data()) == body.size() && body == Glib(request)) << size;
         EXPECT_TRUE(DecodeRequest(body.data(), body.size(), &out) && Glib(out) == body) << size;
         for (const BridgeReply& r : {reply, none}) {
             body = EncodeReply(r).substr(kFrameHeaderSize);
-            EXPECT_TRUE(body == Glib(r) && DecodeReply(body.data(), body.size(), &back) && Glib(back) == body) << size;
+            EXPECT_TRUE(body == Glib(r) && DecodeReply(body.data(), body.size(), &back) && Glib(back) == body)
+                << size;
         }
     }
     // Every bit flip, cut and added byte of a request and a reply: taken exactly
     // when GLib calls it normal (and the operation is known).
-    const std::string bodies[] = {Glib(BridgeRequest{1, 1, {std::string("ab"), std::nullopt, std::string()}, 2}),
-                                  Glib(BridgeReply{std::string("ab"), 3})};
+    const std::string bodies[] = {
+        Glib(BridgeRequest{1, 1, {std::string("ab"), std::nullopt, std::string()}, 2}),
+        Glib(BridgeReply{std::string("ab"), 3})};
     for (int kind = 0; kind < 2; ++kind) {
         std::vector<std::string> variants{bodies[kind] + '\0'};
         for (size_t i = 0; i < bodies[kind].size(); ++i) {
             variants.push_back(bodies[kind].substr(0, i));
-            for (int bit = 0; bit < 8; ++bit) variants.push_back(bodies[kind]), variants.back()[i] ^= char(1 << bit);
+            for (int bit = 0; bit < 8; ++bit)
+                variants.push_back(bodies[kind]), variants.back()[i] ^= char(1 << bit);
         }
         for (const std::string& v : variants) {
             BridgeRequest request;
             BridgeReply reply;
-            bool ours = kind ? DecodeReply(v.data(), v.size(), &reply) : DecodeRequest(v.data(), v.size(), &request);
-            GVariant* value = g_variant_ref_sink(g_variant_new_from_data(G_VARIANT_TYPE(kind ? "(mayi)" : "(yymaymaymayd)"),
-                                                                         v.data(), v.size(), FALSE, nullptr, nullptr));
-            EXPECT_EQ(ours, g_variant_is_normal_form(value) && (kind || uint8_t(v[0]) < BRIDGE_OP_COUNT)) << testing::PrintToString(v);
+            bool ours =
+                kind ? DecodeReply(v.data(), v.size(), &reply) : DecodeRequest(v.data(), v.size(), &request);
+            GVariant* value =
+                g_variant_ref_sink(g_variant_new_from_data(G_VARIANT_TYPE(kind ? "(mayi)" : "(yymaymaymayd)"),
+                                                           v.data(),
+                                                           v.size(),
+                                                           FALSE,
+                                                           nullptr,
+                                                           nullptr));
+            EXPECT_EQ(ours, g_variant_is_normal_form(value) && (kind || uint8_t(v[0]) < BRIDGE_OP_COUNT))
+                << testing::PrintToString(v);
             g_variant_unref(value);
         }
     }
@@ -73,11 +89,13 @@ TEST(Channel, ByteForByteGlibsFormAndOnlyItsNormalForms) {
 int g_handled = 0;
 void Echo(const BridgeRequest& request, BridgeReply* reply) {
     ++g_handled;
-    reply->text = request.text[0] == std::string("big") ? std::string(1 << 20, 'b') : "echo:" + request.text[0].value_or("");
+    reply->text = request.text[0] == std::string("big") ? std::string(1 << 20, 'b')
+                                                        : "echo:" + request.text[0].value_or("");
 }
 bool Echoes(const std::string& name) {  // through the channel client
     BridgeReply reply;
-    return ChannelCall(BridgeRequest{BRIDGE_GET_PROPERTY, 1, {name}, 0}, &reply) && reply.text == "echo:" + name;
+    return ChannelCall(BridgeRequest{BRIDGE_GET_PROPERTY, 1, {name}, 0}, &reply) &&
+           reply.text == "echo:" + name;
 }
 
 struct Peer {  // a raw one
@@ -91,10 +109,17 @@ struct Peer {  // a raw one
         connected = connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
     }
     ~Peer() { close(fd); }
-    bool Send(const std::string& b) { return send(fd, b.data(), b.size(), MSG_NOSIGNAL | MSG_DONTWAIT) == ssize_t(b.size()); }
-    bool Request(uint8_t op, const std::string& text) { return Send(EncodeRequest(BridgeRequest{op, 1, {text}, 0})); }
+    bool Send(const std::string& b) {
+        return send(fd, b.data(), b.size(), MSG_NOSIGNAL | MSG_DONTWAIT) == ssize_t(b.size());
+    }
+    bool Request(uint8_t op, const std::string& text) {
+        return Send(EncodeRequest(BridgeRequest{op, 1, {text}, 0}));
+    }
     // By the host, our bytes unread or not.
-    bool Closed(char c = 0) { ssize_t n = recv(fd, &c, 1, 0); return n == 0 || (n < 0 && errno == ECONNRESET); }
+    bool Closed(char c = 0) {
+        ssize_t n = recv(fd, &c, 1, 0);
+        return n == 0 || (n < 0 && errno == ECONNRESET);
+    }
 };
 
 struct Server : testing::Test {
@@ -112,7 +137,8 @@ struct Server : testing::Test {
     void WithPeers(const std::function<void()>& peers) {  // on a thread, while this one serves
         std::atomic<bool> done(false);
         std::thread thread([&] { peers(), done = true, g_main_context_wakeup(nullptr); });
-        for (gint64 end = g_get_monotonic_time() + 30 * G_USEC_PER_SEC; !done && g_get_monotonic_time() < end;) {
+        for (gint64 end = g_get_monotonic_time() + 30 * G_USEC_PER_SEC;
+             !done && g_get_monotonic_time() < end;) {
             g_main_context_iteration(nullptr, TRUE);
         }
         thread.join();
@@ -129,7 +155,10 @@ TEST_F(Server, BrokenPeersAreClosedAlone) {
         {"zero length", [&](Peer& p) { p.Request(0, token), p.Send(std::string(4, '\0')); }},
         {"over the limit", [&](Peer& p) { p.Request(0, token), p.Send(std::string((char*)&overLimit, 4)); }},
         {"a reply", [&](Peer& p) { p.Request(0, token), p.Send(EncodeReply(BridgeReply())); }},
-        {"longer than a hello, before it", [&](Peer& p) { uint32_t n = 1000; p.Send(std::string((char*)&n, 4)); }}};
+        {"longer than a hello, before it", [&](Peer& p) {
+             uint32_t n = 1000;
+             p.Send(std::string((char*)&n, 4));
+         }}};
     for (auto& offender : offenders) {
         bool closed = false, served = false;
         g_handled = 0;
@@ -148,7 +177,8 @@ TEST_F(Server, NeitherAFloodNorAPeerThatStopsReadingBlocksTheOthers) {
     WithPeers([&] {
         Peer stuck;
         before = Echoes("before") && stuck.Request(BRIDGE_HELLO, token);
-        for (int i = 0; i < 50 && stuck.Request(BRIDGE_GET_PROPERTY, "big"); ++i) continue;  // large answers, none read
+        for (int i = 0; i < 50 && stuck.Request(BRIDGE_GET_PROPERTY, "big"); ++i)
+            continue;  // large answers, none read
         std::vector<Peer> flood(200);
         during = Echoes("during");
         ChannelReset();  // a new connection after the flood
@@ -161,9 +191,11 @@ TEST_F(Server, NeitherAFloodNorAPeerThatStopsReadingBlocksTheOthers) {
 
 TEST_F(Server, APeerOfAnotherUserIsRefused) {
     passwd* nobody = getpwnam("nobody");
-    if (getuid() != 0 || !nobody) kvotest::SkipTest("needs root and a user 'nobody' to run a peer under another uid");
+    if (getuid() != 0 || !nobody)
+        kvotest::SkipTest("needs root and a user 'nobody' to run a peer under another uid");
     // Opened for the test only, so that the uid check is what stops the peer.
-    for (std::string path = BridgeSocketPath(); path.size() >= runtime.path().size(); path.resize(path.rfind('/'))) {
+    for (std::string path = BridgeSocketPath(); path.size() >= runtime.path().size();
+         path.resize(path.rfind('/'))) {
         chmod(path.c_str(), 0777);
     }
     pid_t child = fork();
@@ -184,7 +216,8 @@ TEST_F(Server, APeerGoneWithItsReplyUnsentIsClosed) {
         peer.Request(0, token), peer.Request(1, "big");  // more than the socket takes at once
         usleep(200000);
     });  // closed here, the reply half sent
-    for (int i = 0; i < 500 && BridgeConnectionCount() > 0; ++i) g_main_context_iteration(nullptr, FALSE), usleep(1000);
+    for (int i = 0; i < 500 && BridgeConnectionCount() > 0; ++i)
+        g_main_context_iteration(nullptr, FALSE), usleep(1000);
     EXPECT_EQ(BridgeConnectionCount(), 0u);
 }
 
@@ -196,7 +229,8 @@ TEST_F(Server, AHelloInPiecesIsStillServed) {
         peer.Send(hello.substr(0, 5));
         usleep(100000);  // the host reads the start alone
         char header[kFrameHeaderSize];
-        served = peer.Send(hello.substr(5)) && peer.Request(1, "x") && recv(peer.fd, header, sizeof header, MSG_WAITALL) == 4;
+        served = peer.Send(hello.substr(5)) && peer.Request(1, "x") &&
+                 recv(peer.fd, header, sizeof header, MSG_WAITALL) == 4;
     });
     EXPECT_TRUE(served && g_handled == 1);
 }
@@ -208,14 +242,16 @@ TEST_F(Server, NoSocketInABaseThatOthersCanWriteWithoutTheStickyBit) {
         BridgeServerStop();
         chmod(runtime.path().c_str(), mode);
         ASSERT_TRUE(BridgeServerStart(Echo));
-        EXPECT_EQ(BridgeSocketPath().rfind((mode == 0777 ? safe : runtime).path() + "/kavori-", 0), 0u) << BridgeSocketPath();
+        EXPECT_EQ(BridgeSocketPath().rfind((mode == 0777 ? safe : runtime).path() + "/kavori-", 0), 0u)
+            << BridgeSocketPath();
     }
 }
 
 TEST_F(Server, TheExtensionSpeaksOnlyToTheHostsProcess) {
     bool other = true, host = false;
     WithPeers([&] {
-        ChannelConfigure(BridgeSocketPath(), token, getpid() + 1);  // someone else listens: no token, no request
+        ChannelConfigure(
+            BridgeSocketPath(), token, getpid() + 1);  // someone else listens: no token, no request
         other = Echoes("a");
         ChannelConfigure(BridgeSocketPath(), token, getpid());
         ChannelReset();
@@ -241,12 +277,18 @@ TEST_F(Server, TheChannelStaysLostOnceLost) {
 }
 
 TEST(ScriptObject, ConsoleLinesNameTheirOriginAndEscapeWhatATerminalWouldObey) {
-    const char* rows[][3] = {
-        {"https://a.example:8443/p.html", "plain é", "[https://a.example:8443] https://a.example:8443/p.html:7: plain é"},
-        {"file:///d/p.html", "\x1b[31mred\nkvo-scripted: forged", "[file://] file:///d/p.html:7: \\x1b[31mred\\x0akvo-scripted: forged"},
-        {nullptr, "a\\b\x7f\xc2\x9b\t", "[null] :7: a\\\\b\\x7f\\x9b\\x09"}, {"about:blank", "", "[null] about:blank:7: "},
-        {"HTTP://A.example:80/x", "", "[http://a.example] HTTP://A.example:80/x:7: "}, {"http://b/", "", "[http://b] http://b/:7: "}};
-    for (const auto& r : rows) EXPECT_EQ(ConsoleLine("console.log", r[0], 7, r[1]), std::string("console.log: ") + r[2] + "\n");
+    const char* rows[][3] = {{"https://a.example:8443/p.html",
+                              "plain é",
+                              "[https://a.example:8443] https://a.example:8443/p.html:7: plain é"},
+                             {"file:///d/p.html",
+                              "\x1b[31mred\nkvo-scripted: forged",
+                              "[file://] file:///d/p.html:7: \\x1b[31mred\\x0akvo-scripted: forged"},
+                             {nullptr, "a\\b\x7f\xc2\x9b\t", "[null] :7: a\\\\b\\x7f\\x9b\\x09"},
+                             {"about:blank", "", "[null] about:blank:7: "},
+                             {"HTTP://A.example:80/x", "", "[http://a.example] HTTP://A.example:80/x:7: "},
+                             {"http://b/", "", "[http://b] http://b/:7: "}};
+    for (const auto& r : rows)
+        EXPECT_EQ(ConsoleLine("console.log", r[0], 7, r[1]), std::string("console.log: ") + r[2] + "\n");
 }
 
 std::string g_requests;  // one line a request: operation, texts ('-': absent), count, number
@@ -254,7 +296,8 @@ BridgeReply g_reply;
 bool Transport(const BridgeRequest& r, BridgeReply* reply) {
     g_requests += std::to_string(r.op);
     for (const auto& text : r.text) g_requests += text ? " '" + *text + "'" : " -";
-    g_requests += " " + std::to_string(r.argc) + (r.op == BRIDGE_APPLICATION ? " " + std::to_string(r.number) : "") + "\n";
+    g_requests += " " + std::to_string(r.argc) +
+                  (r.op == BRIDGE_APPLICATION ? " " + std::to_string(r.number) : "") + "\n";
     *reply = g_reply;
     return g_reply.text != std::string("lost");
 }
@@ -265,23 +308,32 @@ TEST(ScriptObject, OnlyStringArgumentsTravelAnswersComeBackAndALostChannelGivesD
     InstallScriptObject(context);
     auto eval = [&](const std::string& script) {  // JSON of the value
         JSStringRef source = JSStringCreateWithUTF8CString(("JSON.stringify(" + script + ")").c_str());
-        char* text = CopyScriptString(context, JSEvaluateScript(context, source, nullptr, nullptr, 0, nullptr));
+        char* text =
+            CopyScriptString(context, JSEvaluateScript(context, source, nullptr, nullptr, 0, nullptr));
         std::string json = text ? text : "(no string)";
         return JSStringRelease(source), FreeScriptString(text), json;
     };
     g_reply = {std::string("caf\xc3\xa9 \xff"), -7};  // not UTF-8: repaired for the page
-    EXPECT_EQ(eval("[Kavori.GetProperty('\\u20ac\\u0000cut', 'extra'), Kavori.GetProperty(5), Kavori.GetProperty(), "
-                   "Kavori.GetProperty(new String('boxed')), Kavori.EnumProperty('', 'b'), Kavori.EnumProperty('a'), "
-                   "Kavori.SetProperty('n', 'v'), Kavori.SetProperty('n', 5), Kavori.Invoke('c'), Kavori.Invoke(null), "
-                   "Kavori.Application('exit', 'CKR_OK', 'done'), Kavori.Application('resize', 0x032001E0), "
-                   "Kavori.Application(1, 'x')]"),
-              "[\"caf\xc3\xa9 \xef\xbf\xbd\",\"\",\"\",\"\",\"caf\xc3\xa9 \xef\xbf\xbd\",\"\",null,null,-7,0,0,0,0]");
-    EXPECT_EQ(g_requests, "1 '\xe2\x82\xac' - - 2\n3 '' 'b' - 2\n2 'n' 'v' - 2\n4 'c' - - 1\n"
-                          "5 'exit' 'CKR_OK' 'done' 3 nan\n5 'resize' - - 2 52429280.000000\n");
+    EXPECT_EQ(
+        eval(
+            "[Kavori.GetProperty('\\u20ac\\u0000cut', 'extra'), Kavori.GetProperty(5), Kavori.GetProperty(), "
+            "Kavori.GetProperty(new String('boxed')), Kavori.EnumProperty('', 'b'), "
+            "Kavori.EnumProperty('a'), "
+            "Kavori.SetProperty('n', 'v'), Kavori.SetProperty('n', 5), Kavori.Invoke('c'), "
+            "Kavori.Invoke(null), "
+            "Kavori.Application('exit', 'CKR_OK', 'done'), Kavori.Application('resize', 0x032001E0), "
+            "Kavori.Application(1, 'x')]"),
+        "[\"caf\xc3\xa9 \xef\xbf\xbd\",\"\",\"\",\"\",\"caf\xc3\xa9 "
+        "\xef\xbf\xbd\",\"\",null,null,-7,0,0,0,0]");
+    EXPECT_EQ(g_requests,
+              "1 '\xe2\x82\xac' - - 2\n3 '' 'b' - 2\n2 'n' 'v' - 2\n4 'c' - - 1\n"
+              "5 'exit' 'CKR_OK' 'done' 3 nan\n5 'resize' - - 2 52429280.000000\n");
     g_reply = {std::string("lost"), 9};
     EXPECT_EQ(eval("[Kavori.GetProperty('n'), Kavori.EnumProperty('a', 'b'), Kavori.Invoke('c'), "
-                   "Kavori.SetProperty('a', 'b'), Kavori.Application('exit')]"), "[\"\",\"\",0,null,0]");
-    EXPECT_TRUE(!CopyScriptString(context, JSValueMakeNumber(context, 1)) && !CopyScriptString(context, nullptr));
+                   "Kavori.SetProperty('a', 'b'), Kavori.Application('exit')]"),
+              "[\"\",\"\",0,null,0]");
+    EXPECT_TRUE(!CopyScriptString(context, JSValueMakeNumber(context, 1)) &&
+                !CopyScriptString(context, nullptr));
     JSGlobalContextRelease(context);
 }
 

@@ -36,16 +36,19 @@ AtspiAccessible* Find(AtspiAccessible* node, AtspiRole role, const std::string& 
 
 AtspiAccessible* FindIn(pid_t pid, AtspiRole role, const std::string& name) {
     AtspiAccessible* found = nullptr;
-    PollUntil([&] {
-        AtspiAccessible* desktop = atspi_get_desktop(0);
-        for (int i = 0; !found && i < atspi_accessible_get_child_count(desktop, nullptr); ++i) {
-            AtspiAccessible* app = atspi_accessible_get_child_at_index(desktop, i, nullptr);
-            if (app && pid_t(atspi_accessible_get_process_id(app, nullptr)) == pid) found = Find(app, role, name);
-            if (app) g_object_unref(app);
-        }
-        g_object_unref(desktop);
-        return found != nullptr;
-    }, 30000);
+    PollUntil(
+        [&] {
+            AtspiAccessible* desktop = atspi_get_desktop(0);
+            for (int i = 0; !found && i < atspi_accessible_get_child_count(desktop, nullptr); ++i) {
+                AtspiAccessible* app = atspi_accessible_get_child_at_index(desktop, i, nullptr);
+                if (app && pid_t(atspi_accessible_get_process_id(app, nullptr)) == pid)
+                    found = Find(app, role, name);
+                if (app) g_object_unref(app);
+            }
+            g_object_unref(desktop);
+            return found != nullptr;
+        },
+        30000);
     return found;
 }
 
@@ -63,8 +66,12 @@ TEST_F(RealHost, ThePinDialogIsUsableThroughAtSpi) {
     HostProcess& host = Add();
     host.env = {std::string("DBUS_SESSION_BUS_ADDRESS=") + bus};
     ASSERT_TRUE(host.Open("file://" + SourceDir() + "/examples/dialog/pin.html",
-                          {"-size", std::to_string((420 << 16) | (400 + 30)), "-root", BuildDir() + "/examples/demo",
-                           "-key", "Kavori Demo"}));
+                          {"-size",
+                           std::to_string((420 << 16) | (400 + 30)),
+                           "-root",
+                           BuildDir() + "/examples/demo",
+                           "-key",
+                           "Kavori Demo"}));
     EXPECT_FALSE(Has(host.output(), "without WebKit's sandbox")) << host.output();
     AtspiAccessible* field = FindIn(host.pid(), ATSPI_ROLE_PASSWORD_TEXT, "PIN");
     AtspiAccessible* cancel = FindIn(host.pid(), ATSPI_ROLE_PUSH_BUTTON, "Cancel");
@@ -73,7 +80,9 @@ TEST_F(RealHost, ThePinDialogIsUsableThroughAtSpi) {
     // Focus through AT-SPI, then keys as a keyboard user types them.
     x.Query({"xdotool", "windowfocus", "--sync", std::to_string(host.Window())});
     ASSERT_TRUE(atspi_component_grab_focus(atspi_accessible_get_component_iface(field), nullptr));
-    ASSERT_TRUE(PollUntil([&] { return atspi_state_set_contains(atspi_accessible_get_state_set(field), ATSPI_STATE_FOCUSED); }));
+    ASSERT_TRUE(PollUntil([&] {
+        return atspi_state_set_contains(atspi_accessible_get_state_set(field), ATSPI_STATE_FOCUSED);
+    }));
     x.Query({"xdotool", "type", "--delay", "30", "123456"});
     // The keys reach the page on their own way: press only once all six are in.
     AtspiText* text = atspi_accessible_get_text_iface(field);

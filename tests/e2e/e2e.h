@@ -40,20 +40,35 @@ protected:
     std::vector<std::unique_ptr<HostProcess>> hosts;  // ended before the X server
 };
 
-inline bool Has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
+inline bool Has(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
 
 // A throwaway SoftHSM2 token "Kavori Demo" (user PIN 123456) below dir, for
 // this process and the hosts it starts; skips without SoftHSM2 or xdotool.
 inline void MakeSoftToken(const TempDir& dir) {
-    for (const char* file : {"/usr/lib/softhsm/libsofthsm2.so", "/usr/bin/softhsm2-util", "/usr/bin/xdotool"}) {
+    for (const char* file :
+         {"/usr/lib/softhsm/libsofthsm2.so", "/usr/bin/softhsm2-util", "/usr/bin/xdotool"}) {
         if (!FileExists(file)) SkipTest(std::string(file) + " is not installed");
     }
     MakeDirs(dir.file("tokens"));
     WriteFile(dir.file("conf"), "directories.tokendir = " + dir.file("tokens") + "\nlog.level = ERROR\n");
     setenv("SOFTHSM2_CONF", dir.file("conf").c_str(), 1);
     std::string out;
-    ASSERT_EQ(0, RunProcess({"/usr/bin/softhsm2-util", "--init-token", "--free", "--label", "Kavori Demo", "--pin",
-                             "123456", "--so-pin", "12345678"}, {}, 30000, &out)) << out;
+    ASSERT_EQ(0,
+              RunProcess({"/usr/bin/softhsm2-util",
+                          "--init-token",
+                          "--free",
+                          "--label",
+                          "Kavori Demo",
+                          "--pin",
+                          "123456",
+                          "--so-pin",
+                          "12345678"},
+                         {},
+                         30000,
+                         &out))
+        << out;
 }
 
 }  // namespace kvotest

@@ -13,19 +13,21 @@ protected:
     HostProcess& Dialog(const std::vector<std::string>& extra) {
         HostProcess& host = Add();
         host.env = {"KAVORI_DEMO_LOG=" + Log(host)};
-        std::vector<std::string> arguments = {"-size", std::to_string((420 << 16) | (400 + 30)), "-root",
-                                              BuildDir() + "/examples/demo"};
+        std::vector<std::string> arguments = {
+            "-size", std::to_string((420 << 16) | (400 + 30)), "-root", BuildDir() + "/examples/demo"};
         arguments.insert(arguments.end(), extra.begin(), extra.end());
         EXPECT_TRUE(host.Open("file://" + SourceDir() + "/examples/dialog/pin.html", arguments));
         unsigned long window = host.Window();
-        EXPECT_TRUE(PollUntil([&] { return Lines(host, "GetProperty Token:PinState") == 1; })) << host.output();
+        EXPECT_TRUE(PollUntil([&] { return Lines(host, "GetProperty Token:PinState") == 1; }))
+            << host.output();
         x.Query({"xdotool", "windowfocus", "--sync", std::to_string(window)});
         return host;
     }
     static std::string Log(const HostProcess& host) { return host.dir() + "/demo.log"; }
     static int Lines(const HostProcess& host, const std::string& part) {  // of the demo plug-in's log
         std::vector<std::string> log = ReadLines(Log(host));
-        return std::count_if(log.begin(), log.end(), [&](const std::string& line) { return Has(line, part); });
+        return std::count_if(
+            log.begin(), log.end(), [&](const std::string& line) { return Has(line, part); });
     }
     void Type(const std::string& text, const std::string& key) {
         x.Query({"xdotool", "type", "--delay", "30", text});
@@ -45,7 +47,8 @@ TEST_F(Examples, DemoDialogCancelsWithEscapeAndLogsInAfterAWrongPin) {
     HostProcess& host = Dialog({"-key", "Kavori Demo"});  // the key names the token by its label
     Type("000000", "Return");
     // The page has the failure and asked the PIN state again: ready for the next PIN.
-    ASSERT_TRUE(PollUntil([&] { return Lines(host, "GetProperty Token:PinState") == 2; })) << ReadFileOr(Log(host));
+    ASSERT_TRUE(PollUntil([&] { return Lines(host, "GetProperty Token:PinState") == 2; }))
+        << ReadFileOr(Log(host));
     EXPECT_EQ(1, Lines(host, "CKR_PIN_INCORRECT"));
     Type("123456", "Return");
     EXPECT_EQ("CKR_OK", host.Result());
@@ -62,11 +65,22 @@ TEST_F(Examples, ThePackagedHostRunsFromAnyPrefixAndReachesAPlugin) {
     // itself first rebuilds the whole tree, too slow for every run).
     HostProcess& host = Add();
     std::string prefix = host.dir() + "/some prefix", out;
-    ASSERT_EQ(0, RunProcess({"/usr/bin/env", "cmake", "--install", BuildDir(), "--component", "host", "--prefix", prefix},
-                            {}, 60000, &out)) << out;
+    ASSERT_EQ(
+        0,
+        RunProcess(
+            {"/usr/bin/env", "cmake", "--install", BuildDir(), "--component", "host", "--prefix", prefix},
+            {},
+            60000,
+            &out))
+        << out;
     host.env = {"LD_LIBRARY_PATH"};  // nothing points at the build tree
-    ASSERT_TRUE(host.StartArgv({prefix + "/bin/kavori-host", "-url", PageUrl("startup.html?usable"), "-root",
-                                PluginDir("recording"), "-store", host.storePath()}));
+    ASSERT_TRUE(host.StartArgv({prefix + "/bin/kavori-host",
+                                "-url",
+                                PageUrl("startup.html?usable"),
+                                "-root",
+                                PluginDir("recording"),
+                                "-store",
+                                host.storePath()}));
     EXPECT_EQ("ok", host.Result());
 }
 

@@ -19,7 +19,8 @@ TEST_F(Hardening, ExitEndsTheScriptTurnAndSignalsEndStartUp) {
     HostProcess& turn = Open("exit_turn.html");
     HostProcess& spin = Open("spin.html");
     HostProcess& waiting = Open("idle.html", {"-wait", "60000000"});
-    ASSERT_TRUE(PollUntil([&] { return !waiting.SocketDirectories().empty() && !WebProcessesOf(waiting.pid()).empty(); }));
+    ASSERT_TRUE(PollUntil(
+        [&] { return !waiting.SocketDirectories().empty() && !WebProcessesOf(waiting.pid()).empty(); }));
     ASSERT_EQ(0, kill(waiting.pid(), SIGTERM));
     EXPECT_EQ("<no file>", waiting.Result(10000));
     EXPECT_EQ("", waiting.Leftovers());
@@ -31,30 +32,48 @@ TEST_F(Hardening, ExitEndsTheScriptTurnAndSignalsEndStartUp) {
 TEST_F(Hardening, KavoriOnlyForDocumentsWhoseOriginAndAncestorsAreTrusted) {
     HostProcess& server = Add();
     std::string port;
-    ASSERT_TRUE(server.StartArgv({"/usr/bin/python3", SourceDir() + "/tests/fixtures/pages/trust/serve.py", server.dir() + "/port"}));
-    ASSERT_TRUE(PollUntil([&] { return !(port = ReadFileOr(server.dir() + "/port")).empty(); })) << server.output();
-    const std::string site = "http://127.0.0.1:" + port + "/trust/", trusted = "KAVORI_TRUSTED_ORIGINS=http://127.0.0.1:" + port;
+    ASSERT_TRUE(server.StartArgv(
+        {"/usr/bin/python3", SourceDir() + "/tests/fixtures/pages/trust/serve.py", server.dir() + "/port"}));
+    ASSERT_TRUE(PollUntil([&] { return !(port = ReadFileOr(server.dir() + "/port")).empty(); }))
+        << server.output();
+    const std::string site = "http://127.0.0.1:" + port + "/trust/",
+                      trusted = "KAVORI_TRUSTED_ORIGINS=http://127.0.0.1:" + port;
     HostProcess& top = Open(site + "top.html", {}, {trusted});
     HostProcess& sandboxed = Open(site + "sandboxed.html?csp", {}, {trusted});
     EXPECT_EQ("ok", top.Result());
-    EXPECT_TRUE(Has(ReadUntil([&] { return sandboxed.output(); }, "refused"), "refused navigation to " + site + "sandboxed.html?csp"));
+    EXPECT_TRUE(Has(ReadUntil([&] { return sandboxed.output(); }, "refused"),
+                    "refused navigation to " + site + "sandboxed.html?csp"));
     EXPECT_EQ("<none>", sandboxed.LastSet("Served"));
 }
 
 TEST_F(Hardening, TheWebProcessSeesNoHomeInTheSandboxAndWithoutBubblewrapTheDialogStillRuns) {
     HostProcess& boxed = Open("idle.html");
     HostProcess& open = Add();  // bubblewrap replaced by /bin/false in a private mount namespace
-    ASSERT_TRUE(open.StartArgv({"/usr/bin/unshare", "-m", "--propagation", "private", "/bin/sh", "-c",
-                                "mount --bind /bin/false /usr/bin/bwrap 2>/dev/null || exit 77; exec \"$@\"", "sh",
-                                HostBinary(), "-url", PageUrl("idle.html"), "-root", PluginDir("recording")}));
+    ASSERT_TRUE(open.StartArgv({"/usr/bin/unshare",
+                                "-m",
+                                "--propagation",
+                                "private",
+                                "/bin/sh",
+                                "-c",
+                                "mount --bind /bin/false /usr/bin/bwrap 2>/dev/null || exit 77; exec \"$@\"",
+                                "sh",
+                                HostBinary(),
+                                "-url",
+                                PageUrl("idle.html"),
+                                "-root",
+                                PluginDir("recording")}));
     for (HostProcess* host : {&boxed, &open}) {
         PutFile(host->home() + "/marker", "");
-        ASSERT_TRUE(PollUntil([&] { return !host->Running() || host->WaitForRecord("SetProperty Seen=" + PageUrl("idle.html"), 1, 100); }));
+        ASSERT_TRUE(PollUntil([&] {
+            return !host->Running() ||
+                   host->WaitForRecord("SetProperty Seen=" + PageUrl("idle.html"), 1, 100);
+        }));
         if (host == &open && !open.Running()) SkipTest("no private mount namespace to hide bubblewrap in");
         std::vector<pid_t> web = WebProcessesOf(host->pid());
         ASSERT_EQ(1u, web.size()) << host->output();
         EXPECT_TRUE(FileExists("/proc/" + std::to_string(host->pid()) + "/root" + host->home() + "/marker"));
-        EXPECT_EQ(host == &open, FileExists("/proc/" + std::to_string(web[0]) + "/root" + host->home() + "/marker"));
+        EXPECT_EQ(host == &open,
+                  FileExists("/proc/" + std::to_string(web[0]) + "/root" + host->home() + "/marker"));
         EXPECT_EQ(host == &open, Has(host->output(), "run without WebKit's sandbox")) << host->output();
     }
 }
@@ -66,11 +85,13 @@ TEST_F(Hardening, APinLeavesNoCopyInTheHostsMemory) {
     SkipTest("scanning the sanitizer build's memory takes a minute: the normal build is the proof");
 #endif
     HostProcess& host = Add();
-    std::string seed = std::to_string(getpid()) + "q7Zt" + std::to_string(MonotonicMs()), pin(seed.rbegin(), seed.rend());
+    std::string seed = std::to_string(getpid()) + "q7Zt" + std::to_string(MonotonicMs()),
+                pin(seed.rbegin(), seed.rend());
     pin = "PIN-" + pin + "-PIN";
     host.env = {"KAVORI_DEMO_LOG=" + host.dir() + "/demo.log"};
     ASSERT_TRUE(host.Open("pin_marker.html?" + seed, {"-root", BuildDir() + "/examples/demo"}));
-    ASSERT_TRUE(PollUntil([&] { return Has(ReadFileOr(host.dir() + "/demo.log"), "PIN cleared"); }, 30000)) << host.output();
+    ASSERT_TRUE(PollUntil([&] { return Has(ReadFileOr(host.dir() + "/demo.log"), "PIN cleared"); }, 30000))
+        << host.output();
     std::string maps = ReadFileOr("/proc/" + std::to_string(host.pid()) + "/maps"), region;
     int mem = open(("/proc/" + std::to_string(host.pid()) + "/mem").c_str(), O_RDONLY);
     ASSERT_GE(mem, 0);
@@ -79,8 +100,8 @@ TEST_F(Hardening, APinLeavesNoCopyInTheHostsMemory) {
         unsigned long from = 0, to = 0;
         char mode[5] = {};
         // Readable mappings, leaving out the engine's sparse reservations of gigabytes.
-        if (sscanf(region.c_str(), "%lx-%lx %4s", &from, &to, mode) != 3 || mode[0] != 'r' || to - from > (1ul << 28) ||
-            Has(region, "[vvar]")) {
+        if (sscanf(region.c_str(), "%lx-%lx %4s", &from, &to, mode) != 3 || mode[0] != 'r' ||
+            to - from > (1ul << 28) || Has(region, "[vvar]")) {
             continue;
         }
         std::string bytes(to - from, '\0');

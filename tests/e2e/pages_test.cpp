@@ -15,10 +15,12 @@ TEST_F(Pages, FunctionsFramesAndDocumentsSeeOnlyKavori) {
 
 TEST_F(Pages, UnusablePluginsGiveTheDefaultsAndAFailedStartIsRetried) {
     TempDir empty;  // no libkvo.so at all
-    const std::pair<std::string, std::string> rows[] = {
-        {empty.path(), "broken"}, {PluginDir("init_fails_with_handle"), "broken"}, {PluginDir("recording"), "flaky"}};
+    const std::pair<std::string, std::string> rows[] = {{empty.path(), "broken"},
+                                                        {PluginDir("init_fails_with_handle"), "broken"},
+                                                        {PluginDir("recording"), "flaky"}};
     for (const auto& row : rows) {
-        Open("startup.html?" + row.second, {"-root", row.first},
+        Open("startup.html?" + row.second,
+             {"-root", row.first},
              {row.second == "flaky" ? "KVO_TEST_INIT_FAILURES=3" : "KVO_TEST_INIT_FAILURES"});
     }
     for (size_t i = 0; i < hosts.size(); ++i) EXPECT_EQ("ok", hosts[i]->Result()) << rows[i].first;
@@ -30,7 +32,8 @@ TEST_F(Pages, UnusablePluginsGiveTheDefaultsAndAFailedStartIsRetried) {
 TEST_F(Pages, ForDialogAuthorsTheConsoleTheScriptedPluginAndTrustedOrigins) {
     std::string page = PageUrl("scripted.html"), answers = SourceDir() + "/tests/fixtures/pages/scripted";
     const std::vector<std::string> scripted = {"-root", BuildDir() + "/examples/scripted"};
-    HostProcess& good = Open("scripted.html", scripted, {"KAVORI_ANSWERS=" + answers + ".json", "KAVORI_DEVELOPER=1"});
+    HostProcess& good =
+        Open("scripted.html", scripted, {"KAVORI_ANSWERS=" + answers + ".json", "KAVORI_DEVELOPER=1"});
     HostProcess& bad = Open("scripted.html", scripted, {"KAVORI_ANSWERS=" + answers + "_malformed.json"});
     // Restricted to file://: a sandboxed frame has an opaque origin and no Kavori.
     HostProcess& restricted = Open("calls.html?restricted", {}, {"KAVORI_TRUSTED_ORIGINS=file://"});
@@ -43,9 +46,10 @@ TEST_F(Pages, ForDialogAuthorsTheConsoleTheScriptedPluginAndTrustedOrigins) {
                                     "console.error: [file://] " + page + ":8: ReferenceError"}) {
         EXPECT_TRUE(Has(good.output(), line)) << line << "\n" << good.output();
     }
-    EXPECT_FALSE(Has(good.output(), "1234") || Has(good.output(), "9999")) << good.output();  // commands: first word only
+    EXPECT_FALSE(Has(good.output(), "1234") || Has(good.output(), "9999"))
+        << good.output();  // commands: first word only
     EXPECT_TRUE(Has(bad.Result(), "holder: \"\"")) << bad.output();
-    EXPECT_FALSE(Has(bad.output(), "console.")) << bad.output();  // not in developer mode
+    EXPECT_FALSE(Has(bad.output(), "console.")) << bad.output();                     // not in developer mode
     EXPECT_TRUE(Has(bad.output(), answers + "_malformed.json:2:")) << bad.output();  // named with its line
     EXPECT_EQ("ok", restricted.Result());
     std::string refused = "kavori-host: refused navigation to " + PageUrl("calls.html") + ": ";

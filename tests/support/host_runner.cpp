@@ -19,7 +19,8 @@ namespace {
 std::vector<std::string> Glob(const std::string& pattern) {
     glob_t found;
     std::vector<std::string> paths;
-    if (glob(pattern.c_str(), 0, nullptr, &found) == 0) paths.assign(found.gl_pathv, found.gl_pathv + found.gl_pathc);
+    if (glob(pattern.c_str(), 0, nullptr, &found) == 0)
+        paths.assign(found.gl_pathv, found.gl_pathv + found.gl_pathc);
     globfree(&found);
     return paths;
 }
@@ -35,8 +36,10 @@ XServer::XServer(const std::string& screen) {
     int fds[2];
     if (pipe(fds) != 0) return;
     std::string fd = std::to_string(fds[1]);
-    m_pid = StartProcess({"/usr/bin/Xvfb", "-displayfd", fd, "-screen", "0", screen, "-nolisten", "tcp", "-noreset"},
-                         {}, "/dev/null");
+    m_pid = StartProcess(
+        {"/usr/bin/Xvfb", "-displayfd", fd, "-screen", "0", screen, "-nolisten", "tcp", "-noreset"},
+        {},
+        "/dev/null");
     close(fds[1]);
     std::string number;
     char c = 0;
@@ -61,16 +64,20 @@ std::string XServer::Query(const std::vector<std::string>& argv, int timeoutMs) 
 
 unsigned long XServer::WindowOf(pid_t pid, int timeoutMs) const {
     std::string out;
-    PollUntil([&] { return !(out = Query({"xdotool", "search", "--onlyvisible", "--pid", std::to_string(pid)})).empty(); },
-              timeoutMs);
+    PollUntil(
+        [&] {
+            return !(out = Query({"xdotool", "search", "--onlyvisible", "--pid", std::to_string(pid)}))
+                        .empty();
+        },
+        timeoutMs);
     return strtoul(out.c_str(), nullptr, 10);
 }
 
 std::string XServer::Shape(unsigned long window) const {
     std::string out = Query({"xwininfo", "-id", std::to_string(window)});
     if (out.empty()) return "";
-    return std::to_string(NumberAfter(out, "Width:")) + "x" + std::to_string(NumberAfter(out, "Height:")) + "+" +
-           std::to_string(NumberAfter(out, "Absolute upper-left X:")) + "+" +
+    return std::to_string(NumberAfter(out, "Width:")) + "x" + std::to_string(NumberAfter(out, "Height:")) +
+           "+" + std::to_string(NumberAfter(out, "Absolute upper-left X:")) + "+" +
            std::to_string(NumberAfter(out, "Absolute upper-left Y:"));
 }
 
@@ -96,7 +103,9 @@ bool XServer::SendDeleteWindow(unsigned long window) const {
 
 std::string HostBinary() { return BuildDir() + "/bin/kavori-host"; }
 std::string PluginDir(const std::string& variant) { return FixtureDir() + "/plugins/" + variant; }
-std::string PageUrl(const std::string& name) { return "file://" + SourceDir() + "/tests/fixtures/pages/" + name; }
+std::string PageUrl(const std::string& name) {
+    return "file://" + SourceDir() + "/tests/fixtures/pages/" + name;
+}
 
 HostProcess::HostProcess(const XServer& x) : m_x(x) { mkdir(home().c_str(), 0700); }
 
@@ -105,16 +114,22 @@ HostProcess::~HostProcess() {
 }
 
 bool HostProcess::Open(const std::string& page, const std::vector<std::string>& extra) {
-    std::vector<std::string> argv = {HostBinary(), "-url", page.find("://") == std::string::npos ? PageUrl(page) : page};
+    std::vector<std::string> argv = {
+        HostBinary(), "-url", page.find("://") == std::string::npos ? PageUrl(page) : page};
     argv.insert(argv.end(), extra.begin(), extra.end());
     argv.insert(argv.end(), {"-root", PluginDir("recording"), "-store", storePath()});
     return StartArgv(argv);
 }
 
 bool HostProcess::StartArgv(const std::vector<std::string>& argv) {
-    std::vector<std::string> all = {"DISPLAY=" + m_x.display(), "HOME=" + home(), "LC_ALL=C", "XDG_RUNTIME_DIR=" + dir(),
-                                    "KVO_TEST_RECORD=" + recordPath(), "KVO_TEST_ANSWERS=" + answersPath(),
-                                    "DBUS_SESSION_BUS_ADDRESS=disabled:", "WAYLAND_DISPLAY"};
+    std::vector<std::string> all = {"DISPLAY=" + m_x.display(),
+                                    "HOME=" + home(),
+                                    "LC_ALL=C",
+                                    "XDG_RUNTIME_DIR=" + dir(),
+                                    "KVO_TEST_RECORD=" + recordPath(),
+                                    "KVO_TEST_ANSWERS=" + answersPath(),
+                                    "DBUS_SESSION_BUS_ADDRESS=disabled:",
+                                    "WAYLAND_DISPLAY"};
     all.insert(all.end(), env.begin(), env.end());
     m_pid = StartProcess(argv, all, dir() + "/output.txt");
     return m_pid > 0;
@@ -132,7 +147,9 @@ std::string HostProcess::Result(int timeoutMs) {
     return ReadFileOr(storePath(), "<no file>");
 }
 
-bool HostProcess::Running() { return m_pid > 0 && kill(m_pid, 0) == 0 && waitpid(m_pid, nullptr, WNOHANG) == 0; }
+bool HostProcess::Running() {
+    return m_pid > 0 && kill(m_pid, 0) == 0 && waitpid(m_pid, nullptr, WNOHANG) == 0;
+}
 
 bool HostProcess::WaitForRecord(const std::string& line, int count, int timeoutMs) const {
     return PollUntil([&] { return CountOf(Record(), line) >= count; }, timeoutMs);
@@ -150,12 +167,14 @@ std::vector<std::string> HostProcess::SocketDirectories() const { return Glob(di
 
 std::string HostProcess::Leftovers(int timeoutMs) const {
     std::string left;
-    PollUntil([&] {
-        left.clear();
-        for (const std::string& d : SocketDirectories()) left += d + " ";
-        for (pid_t pid : ProcessesWithEnv("XDG_RUNTIME_DIR=" + dir())) left += ProgramOf(pid) + " ";
-        return left.empty();
-    }, timeoutMs);
+    PollUntil(
+        [&] {
+            left.clear();
+            for (const std::string& d : SocketDirectories()) left += d + " ";
+            for (pid_t pid : ProcessesWithEnv("XDG_RUNTIME_DIR=" + dir())) left += ProgramOf(pid) + " ";
+            return left.empty();
+        },
+        timeoutMs);
     return left;
 }
 
@@ -163,7 +182,8 @@ std::vector<pid_t> ProcessesWithEnv(const std::string& entry) {
     std::vector<pid_t> found;
     for (const std::string& process : Glob("/proc/[0-9]*")) {
         std::string environ = '\0' + ReadFileOr(process + "/environ");
-        if (environ.find('\0' + entry + '\0') != std::string::npos) found.push_back(atoi(process.c_str() + 6));
+        if (environ.find('\0' + entry + '\0') != std::string::npos)
+            found.push_back(atoi(process.c_str() + 6));
     }
     return found;
 }
@@ -181,7 +201,8 @@ std::vector<pid_t> WebProcessesOf(pid_t host) {
     for (const std::string& process : Glob("/proc/[0-9]*")) {
         // The parent follows the state after the name's closing parenthesis.
         std::string stat = ReadFileOr(process + "/stat");
-        parents.push_back({atoi(process.c_str() + 6), atoi(stat.c_str() + std::min(stat.rfind(')') + 4, stat.size()))});
+        parents.push_back(
+            {atoi(process.c_str() + 6), atoi(stat.c_str() + std::min(stat.rfind(')') + 4, stat.size()))});
     }
     for (size_t i = 0; i < family.size(); ++i) {
         for (const auto& p : parents) {

@@ -24,7 +24,7 @@ public:
     // An X client (xdotool, xprop, ...) on this display: its output, "" on failure.
     std::string Query(const std::vector<std::string>& argv, int timeoutMs = 5000) const;
     unsigned long WindowOf(pid_t pid, int timeoutMs = 30000) const;  // the first visible one, or 0
-    std::string Shape(unsigned long window) const;  // "WxH+X+Y" as X has it, "" when unknown
+    std::string Shape(unsigned long window) const;                   // "WxH+X+Y" as X has it, "" when unknown
     std::string Property(unsigned long window, const std::string& name) const;  // xprop's line
     // WM_DELETE_WINDOW, as a window manager's close button sends it.
     bool SendDeleteWindow(unsigned long window) const;
@@ -82,7 +82,7 @@ private:
 };
 
 std::vector<pid_t> ProcessesWithEnv(const std::string& entry);  // live ones, exactly this entry
-std::string ProgramOf(pid_t pid);  // argv[0]'s last component; "" once gone (or a zombie)
+std::string ProgramOf(pid_t pid);               // argv[0]'s last component; "" once gone (or a zombie)
 std::vector<pid_t> WebProcessesOf(pid_t host);  // its live WebKitWebProcess descendants
 
 }  // namespace kvotest

@@ -104,8 +104,10 @@ pid_t StartProcess(const std::vector<std::string>& argv, const std::vector<std::
     }
     for (const std::string& entry : env) {
         size_t eq = entry.find('=');
-        if (eq == std::string::npos) unsetenv(entry.c_str());
-        else setenv(entry.substr(0, eq).c_str(), entry.c_str() + eq + 1, 1);
+        if (eq == std::string::npos)
+            unsetenv(entry.c_str());
+        else
+            setenv(entry.substr(0, eq).c_str(), entry.c_str() + eq + 1, 1);
     }
     std::vector<char*> args;
     for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));

@@ -24,9 +24,9 @@ private:
 };
 
 bool WriteFile(const std::string& path, const std::string& content, int mode = 0644);
-bool MakeDirs(const std::string& path);  // mkdir -p
+bool MakeDirs(const std::string& path);                                              // mkdir -p
 bool PutFile(const std::string& path, const std::string& content, int mode = 0644);  // MakeDirs, WriteFile
-bool ReadFile(const std::string& path, std::string* content);  // the whole file
+bool ReadFile(const std::string& path, std::string* content);                        // the whole file
 std::string ReadFileOr(const std::string& path, const std::string& fallback = std::string());
 bool FileExists(const std::string& path);  // lstat: a dangling link exists
 std::vector<std::string> ReadLines(const std::string& path);
