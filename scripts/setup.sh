@@ -12,7 +12,7 @@ packages=(
   bubblewrap xdg-dbus-proxy
   dbus-daemon at-spi2-core libatspi2.0-dev
   softhsm2 opensc
-  clang libclang-rt-14-dev
+  clang libclang-rt-14-dev clang-format
 )
 
 missing=()

@@ -3,6 +3,11 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/setup.sh
+
+# One style for the whole tree (.clang-format): a file the formatter would
+# change fails the run before anything is built.
+find app bridge native include examples tests fuzz bench -name '*.cpp' -o -name '*.h' -o -name '*.c' |
+  xargs clang-format --dry-run --Werror
 jobs=$(nproc 2>/dev/null || echo 2)
 cmake -S . -B build -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build -j"$jobs"
