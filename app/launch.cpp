@@ -5,6 +5,7 @@
 
 #include "app/host_state.h"
 #include "app/paths.h"
+#include "app/result_store.h"
 #include "app/signals.h"
 #include "bridge/bridge_server.h"
 
@@ -40,6 +41,7 @@ void RestartHost() {
         _exit(0);
     }
     setsid();
+    PassResultDescriptorOn();
     execv(g_ownProgram, g_argv);
     _exit(0);
 }

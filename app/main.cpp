@@ -82,6 +82,10 @@ extern "C" const char* __asan_default_options() { return "detect_leaks=0"; }
 #endif
 
 int main(int argc, char** argv) {
+    // A -store descriptor is taken while every open one is still the caller's.
+    const char* heldStore = nullptr;
+    FindOptionValue(argc, argv, "-store", &heldStore);
+    HoldResultDescriptor(heldStore);
     // gdk_threads_enter/leave are no-ops in GTK 3 and are left out.
     WatchTerminationSignals();
     DisableCoreDumps();
