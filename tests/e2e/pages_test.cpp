@@ -1,17 +1,11 @@
-// Pages in a real web view: the Kavori functions, unusable plug-ins, what dialog
-// authors switch on.  Each page checks its table and ends with "ok" or what differed.
+// Pages in a real web view: unusable plug-ins, what dialog authors switch on.  Each
+// page checks its table and ends with "ok" or what differed.
 #include "tests/e2e/e2e.h"
 
 namespace kvotest {
 namespace {
 
 using Pages = RealHost;
-
-TEST_F(Pages, FunctionsFramesAndDocumentsSeeOnlyKavori) {
-    HostProcess& host = Open("calls.html");
-    EXPECT_EQ("ok", host.Result());
-    EXPECT_EQ("", host.Leftovers());
-}
 
 TEST_F(Pages, UnusablePluginsGiveTheDefaultsAndAFailedStartIsRetried) {
     TempDir empty;  // no libkvo.so at all
