@@ -8,6 +8,7 @@
 #include <unistd.h>
 #include <webkit2/webkit2.h>
 
+#include <cstdio>
 #include <cstring>
 
 #include "app/app_commands.h"
@@ -113,11 +114,13 @@ int main(int argc, char** argv) {
     int gtkCount = count;
 
     gdk_set_allowed_backends("x11,*");  // window placement is an X11 notion
-    gtk_init(&gtkCount, &vector);
+    if (!gtk_init_check(&gtkCount, &vector)) {
+        // GTK would end the process with 1 and a bare warning; say it plainly.
+        fprintf(stderr,
+                "kavori-host: no display can be opened (DISPLAY, WAYLAND_DISPLAY): no dialog shown\n");
+        return 1;
+    }
     count = gtkCount;
-
-    PrepareWebContext();
-    GtkWidget* box = BuildWebViewBox();
 
     const char* testValue = nullptr;
     if (FindOptionValue(count, vector, "-test", &testValue)) {
@@ -125,6 +128,9 @@ int main(int argc, char** argv) {
     } else if (!FindOptionValue(count, vector, "-url", &g_startUrl)) {
         LaunchAdminProgram();
     } else {
+        // Only a page to show needs WebKit's processes, its sandbox and the bridge.
+        PrepareWebContext();
+        GtkWidget* box = BuildWebViewBox();
         const char* userAgent = nullptr;
         FindOptionValue(count, vector, "-useragent", &userAgent);
         char iconBuffer[kPathSize] = {};

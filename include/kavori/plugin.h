@@ -11,7 +11,8 @@
  * Strings returned by PlgGetProperty / PlgEnumProperty stay the plug-in's:
  * they must be writable and stay valid until the host's next call into the
  * plug-in; the host never frees them but may overwrite bytes up to the
- * terminator (it splits "ProductInfo" in place).  Null and "" mean the same.
+ * terminator (this host writes none: it splits a copy of "ProductInfo").
+ * Null and "" mean the same.
  */
 #ifndef KAVORI_PLUGIN_H
 #define KAVORI_PLUGIN_H

@@ -70,8 +70,11 @@ TEST_F(Commands, ResizeReloadAndTheMaintenanceScripts) {
     HostProcess& scripts = Add();
     for (HostProcess* host : {&scripts, &Add()}) {
         Script(host->home() + "/.kvo/install", "home-install");  // install never searches
-        Script(
-            host->home() + "/.kvo/repair", "home-repair", "sleep 0.3");  // later than the host's first look
+        // Later than the host's first look; with -test, beside it no WebKit process and no bridge directory.
+        std::string beside =
+            "sleep 0.3\n{ ls -d \"$XDG_RUNTIME_DIR\"/kavori-*; cd /proc/$PPID/task\n"
+            "for c in $(cat */children); do grep -v repair /proc/$c/comm; done; } > \"$HOME/beside\"";
+        Script(host->home() + "/.kvo/repair", "home-repair", beside);
         Script(host->home() + "/.kvo/uninstall", "home-uninstall");
     }
     for (const char* name : {"install", "repair", "uninstall"})
@@ -84,6 +87,7 @@ TEST_F(Commands, ResizeReloadAndTheMaintenanceScripts) {
         EXPECT_EQ(0, testMode.Wait()) << value << testMode.output();
     }
     EXPECT_EQ("home-repair\ninstall\n", ReadFileOr(testMode.home() + "/log"));
+    EXPECT_EQ("", ReadFileOr(testMode.home() + "/beside"));
     EXPECT_FALSE(FileExists(testMode.recordPath()));
 
     EXPECT_EQ("ok", resize.Result());
