@@ -12,6 +12,7 @@ packages=(
   bubblewrap xdg-dbus-proxy
   dbus-daemon at-spi2-core libatspi2.0-dev
   softhsm2 opensc
+  lintian man-db
   clang libclang-rt-14-dev clang-format
 )
 

@@ -115,7 +115,7 @@ HostProcess::~HostProcess() {
 
 bool HostProcess::Open(const std::string& page, const std::vector<std::string>& extra) {
     std::vector<std::string> argv = {
-        HostBinary(), "-url", page.find("://") == std::string::npos ? PageUrl(page) : page};
+        binary, "-url", page.find("://") == std::string::npos ? PageUrl(page) : page};
     argv.insert(argv.end(), extra.begin(), extra.end());
     argv.insert(argv.end(), {"-root", PluginDir("recording"), "-store", storePath()});
     return StartArgv(argv);

@@ -48,7 +48,8 @@ public:
     HostProcess(const HostProcess&) = delete;
     HostProcess& operator=(const HostProcess&) = delete;
 
-    std::vector<std::string> env;  // extra entries for the start ("NAME=value"; "NAME" unsets)
+    std::vector<std::string> env;       // extra entries for the start ("NAME=value"; "NAME" unsets)
+    std::string binary = HostBinary();  // the host Open starts
     // The host on page (in tests/fixtures/pages, or a URL), the extra
     // arguments, then -root (the recording plug-in) and -store storePath(),
     // which extra may give first: the first occurrence counts.
