@@ -88,6 +88,7 @@ int main(int argc, char** argv) {
     PreloadSanitizerRuntime();
     AvoidBusAutolaunch();
     SaveCommandLine(argc, argv);
+    TakeRestartHistory();
     DropInspectorServerUnlessAutomated();
     char lazyRoot[kPathSize];
     LazyStartRoot(lazyRoot, sizeof lazyRoot);

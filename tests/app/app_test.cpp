@@ -2,6 +2,7 @@
 // places moved below a directory of the test.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -236,30 +237,54 @@ TEST(AppCommands, PackedSizesAndNamesThatIgnoreLetterCaseButNotBlanks) {
                                            {1e300, 0}};
     for (const auto& r : sizes) EXPECT_EQ(PackedSizeFromNumber(r.first), r.second) << r.first;
 
-    // exit and restart show without a window, one command per child: exit in the
-    // exit texts (status 1), restart in a process that gives way to its successor
-    // (status 0).  resize and reload act on the window alone (end-to-end pages).
-    SaveArgs("true");
-    strcpy(g_ownProgram, "/bin/true");  // not this test program again
-    std::pair<const char*, int> rows[] = {{"exit", 1},
-                                          {"ExIt", 1},
-                                          {"exit ", 3},
-                                          {" EXIT", 3},
-                                          {"exits", 3},
-                                          {"restart", 0},
-                                          {"RESTART", 0},
-                                          {"restart ", 3},
-                                          {"reStart\t", 3}};
+    // exit and restart show without a window, one command per child: exit in the exit texts (status 1),
+    // restart in a process that gives way to its successor (status 0), which is told the restarts of its
+    // chain: at most kMaxRestarts within kRestartWindowMs ("new": a window begun now).  resize and reload
+    // act on the window alone (end-to-end pages).
+    TempDir dir;
+    SaveArgs("/bin/sh -c \"echo $KAVORI_RESTARTS > " + dir.file("carried") + "\"");
+    strcpy(g_ownProgram, "/bin/sh");        // not this test program again
+    const long long start = MonotonicMs();  // CLOCK_MONOTONIC, as the host's
+    const std::string recent = std::to_string(start - 1000),
+                      old = std::to_string(start - kRestartWindowMs - 1);
+    struct {
+        const char* command;
+        std::string history;
+        int status;
+        std::string carried;
+    } rows[] = {{"exit", "", 1, ""},
+                {"ExIt", "", 1, ""},
+                {"exit ", "", 3, ""},
+                {" EXIT", "", 3, ""},
+                {"exits", "", 3, ""},
+                {"restart", "", 0, "1 new"},
+                {"RESTART", "2 " + recent, 0, "3 " + recent},
+                {"restart", "3 " + recent, 3, ""},  // the bound: the host goes on
+                {"restart", "3 " + old, 0, "1 new"},
+                {"restart", "1 " + std::to_string(start + 100000), 0, "1 new"},  // not a history
+                {"restart", "4 " + recent, 0, "1 new"},
+                {"restart", "2 " + recent + "x", 0, "1 new"},
+                {"restart ", "", 3, ""},
+                {"reStart\t", "", 3, ""}};
     for (const auto& r : rows) {
+        unlink(dir.file("carried").c_str());
         pid_t child = fork();
         if (child == 0) {
             freopen("/dev/null", "w", stderr);  // exit's complaint that no main loop runs
-            RunApplicationCommand(r.first, 2, "r", nullptr, NAN);
-            _exit(g_exitResult && strcmp(g_exitResult, "r") == 0 ? 1 : 3);
+            setenv("KAVORI_RESTARTS", r.history.c_str(), 1);
+            TakeRestartHistory();  // no other child inherits it
+            RunApplicationCommand(r.command, 2, "r", nullptr, NAN);
+            _exit(getenv("KAVORI_RESTARTS") ? 4 : g_exitResult && strcmp(g_exitResult, "r") == 0 ? 1 : 3);
         }
         int status = -1;
         waitpid(child, &status, 0);
-        EXPECT_EQ(WEXITSTATUS(status), r.second) << r.first;
+        EXPECT_EQ(WEXITSTATUS(status), r.status) << r.command << " " << r.history;
+        std::string carried;
+        if (r.status == 0)
+            PollUntil([&] { return ReadFile(dir.file("carried"), &carried) && !carried.empty(); });
+        if (carried.size() > 2 && atoll(carried.c_str() + 2) >= start)
+            carried = carried.substr(0, 2) + "new\n";
+        EXPECT_EQ(carried, r.carried.empty() ? "" : r.carried + "\n") << r.command << " " << r.history;
     }
 }
 
@@ -271,13 +296,14 @@ struct Places : testing::Test {
         char out[256];
         return find(out, size) ? std::string(out) + (out[0] ? "" : "(found, but empty)") : "";
     }
-    // A script that notes its path, its arguments and whether it leads a session of its own.
-    void Probe(const std::string& path) {
+    // A script that notes its label (its path), its arguments, whether it leads a session of its own and
+    // whether it ignores SIGPIPE.
+    void Probe(const std::string& path, const std::string& label = "") {
         PutFile(path,
                 "#!/bin/sh\nread pid comm state ppid pgrp sid rest < /proc/$$/stat\n[ $pid = $sid ] && s=own "
-                "|| s=shared\n"
-                "echo $0 $* $s >> " +
-                    root.file("runs") + "\n",
+                "|| s=shared\nd=$(sed -n 's/^SigIgn:.//p' /proc/$$/status | cut -c13)\n"
+                "[ $((0x$d & 1)) = 1 ] && s=$s,nopipe\necho " +
+                    (label.empty() ? path : label) + " $* $s >> " + root.file("runs") + "\n",
                 0755);
     }
 };
@@ -334,6 +360,7 @@ TEST_F(Places, TheSandboxOnlyWhereBubblewrapRuns) {
 }
 
 TEST_F(Places, ScriptsTheTestOptionAndTheAdminProgramRunInSessionsOfTheirOwn) {
+    signal(SIGPIPE, SIG_IGN);  // as GTK has it in the host
     ASSERT_EQ(chdir(system.c_str()), 0);
     for (const char* name : {"/.kvo/install", "/.kvo/repair", "/.kvo/uninstall"}) Probe(home + name);
     for (const char* name : {"/.install", "/.repair", "/etc/kvo/repair"}) Probe(system + name);
@@ -370,16 +397,43 @@ TEST_F(Places, ScriptsTheTestOptionAndTheAdminProgramRunInSessionsOfTheirOwn) {
     RunMaintenanceScript("install", false);  // real pauses: it is reaped
     if (getpid() != self) PutFile(root.file("escaped"), ""), _exit(0);
     EXPECT_FALSE(FileExists(root.file("escaped")));
+
+    // Another user's hand on the working directory's .install: only a file checked runs, and only the one
+    // checked, even when the name is swapped right after the check.
+    static std::string swapIn;
+    SetScriptCheckedHookForTests([](const char* path) {
+        if (!swapIn.empty()) rename(swapIn.c_str(), path);
+    });
+    std::pair<std::string, mode_t> attacks[] = {
+        {"link", 0700},     // their symlink to a script of root's
+        {"open", 0777},     // a directory others may write
+        {"sticky", 01777},  // even sticky: a file put there under the name may be a link to root's
+        {"swap", 0700}};
+    for (const auto& a : attacks) {
+        TempDir dir;
+        const std::string script = dir.file(".install"), other = dir.file("other");
+        Probe(a.first == "link" ? other : script, a.first);
+        if (a.first == "link") symlink(other.c_str(), script.c_str()), lchown(script.c_str(), 65534, 65534);
+        if (a.first == "swap") Probe(swapIn = other, "swapped");
+        chmod(dir.path().c_str(), a.second);
+        ASSERT_EQ(chdir(dir.path().c_str()), 0);
+        RunMaintenanceScript("install", false);
+        swapIn.clear();
+    }
+    SetScriptCheckedHookForTests(nullptr);
+    ASSERT_EQ(chdir(system.c_str()), 0);
     Probe(system + "/usr/bin/kvo");
     LaunchAdminProgram();
-    PollUntil([&] { return ReadLines(root.file("runs")).size() == 6; }, 5000);
+    PollUntil([&] { return ReadLines(root.file("runs")).size() == 7; }, 5000);
     EXPECT_EQ(ReadLines(root.file("runs")),
-              (Words{".install own",
+              (Words{system + "/.install own",
                      home + "/.kvo/repair own",
                      home + "/.kvo/uninstall own",
                      system + "/etc/kvo/repair own",
-                     ".repair own",
+                     system + "/.repair own",
+                     "swap own",
                      system + "/usr/bin/kvo -admin own"}));
+    signal(SIGPIPE, SIG_DFL);
 }
 
 TEST_F(Places, UserAgentFromWebKitsTheProductVersionAndTheSystemsDescriptionAndWhatWebKitCarries) {
