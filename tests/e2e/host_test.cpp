@@ -5,6 +5,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstring>
+#include <iterator>
+
 #include "app/launch.h"
 #include "tests/e2e/e2e.h"
 
@@ -58,6 +61,52 @@ TEST_F(Commands, EveryEndLeavesExactlyItsResultAndNothingBehind) {
                           ": No such file or directory"))
         << missingDirectory.output();
     for (auto& host : hosts) EXPECT_EQ("", host->Leftovers());
+}
+
+// Hosts waiting for a maintenance script, ended by a signal each.  Those the host takes end it as SIGTERM
+// does; what no handler can take (SIGKILL, a crash, and SIGUSR1, which is WebKit's) leaves the bridge's
+// directory to the next host in the same place, which removes it.
+TEST_F(Commands, EveryEndingLeavesNothingOnceTheNextHostHasStarted) {
+    HostProcess& next = Add();  // its directory is every host's XDG_RUNTIME_DIR
+    ASSERT_TRUE(PutFile(m_cwd.file(".install"),
+                        "#!/bin/sh\necho >> \"$HOME/log\"\nwhile kill -0 $PPID; do sleep 0.1; done\n",
+                        0755));
+    std::pair<int, bool> endings[] = {{SIGHUP, true},
+                                      {SIGINT, true},
+                                      {SIGQUIT, true},
+                                      {SIGUSR2, true},
+                                      {SIGALRM, true},
+                                      {SIGTERM, true},
+                                      {SIGSTKFLT, true},
+                                      {SIGXFSZ, true},
+                                      {SIGVTALRM, true},
+                                      {SIGPROF, true},
+                                      {SIGIO, true},
+                                      {SIGPWR, true},
+                                      {SIGUSR1, false},
+                                      {SIGSEGV, false},
+                                      {SIGKILL, false}};
+    std::vector<HostProcess*> ended;
+    for (size_t i = 0; i < std::size(endings); ++i) {
+        ended.push_back(&Add());
+        ended[i]->env = {"XDG_RUNTIME_DIR=" + next.dir()};
+        ASSERT_TRUE(ended[i]->StartArgv({HostBinary(), "-test", "script install"}));
+    }
+    size_t left = 0;
+    for (size_t i = 0; i < std::size(endings); ++i) {
+        ASSERT_TRUE(PollUntil([&] { return FileExists(ended[i]->home() + "/log"); }, 60000))
+            << ended[i]->output();
+        ASSERT_EQ(0, kill(ended[i]->pid(), endings[i].first));
+        EXPECT_EQ(endings[i].second ? 0 : -1, ended[i]->Wait()) << strsignal(endings[i].first);
+        left += !endings[i].second;
+    }
+    EXPECT_EQ(left, next.SocketDirectories().size());
+    ASSERT_TRUE(next.Open("idle.html"));
+    ASSERT_TRUE(next.WaitForRecord("SetProperty Seen=" + PageUrl("idle.html"))) << next.output();
+    EXPECT_EQ(1u, next.SocketDirectories().size());  // its own
+    ASSERT_TRUE(x.SendDeleteWindow(next.Window()));
+    EXPECT_EQ("OK", next.Result());
+    EXPECT_EQ("", next.Leftovers());
 }
 
 TEST_F(Commands, ResizeReloadAndTheMaintenanceScripts) {
