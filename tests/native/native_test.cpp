@@ -120,8 +120,14 @@ TEST(WrapperPlugin, EachVariantForwardsUntilFinalizedAndClosed) {
     } variants[] = {
         // calls: trace, start, Invoke, Finalize
         {"recording", 1, 1, {"SetTraceCallback set", "Initialize", server, "Invoke -7", "Finalize"}},
-        {"no_trace", 1, 1, {"Initialize", server, "Invoke -7", "Finalize"}},
-        {"no_enum", 0, 0, {}},  // a required export is missing: closed again
+        {"no_PlgSetTraceCallback", 1, 1, {"Initialize", server, "Invoke -7", "Finalize"}},  // optional
+        // A required export is missing: closed again.
+        {"no_PlgInitialize", 0, 0, {}},
+        {"no_PlgFinalize", 0, 0, {}},
+        {"no_PlgSetProperty", 0, 0, {}},
+        {"no_PlgGetProperty", 0, 0, {}},
+        {"no_PlgEnumProperty", 0, 0, {}},
+        {"no_PlgInvoke", 0, 0, {}},
         {"init_fails", 1, 0, {"SetTraceCallback set", "Initialize", "Invoke -7"}},
         {"init_fails_with_handle", 1, 0, {"SetTraceCallback set", "Initialize", "Invoke -7", "Finalize"}}};
     Libraries libraries;
