@@ -65,7 +65,7 @@ void TakeRestartHistory() {
     long long start = 0;
     char rest = 0;
     if (value && sscanf(value, "%u %lld%c", &restarts, &start, &rest) == 2 && restarts <= kMaxRestarts &&
-        start <= MonotonicMs()) {
+        start >= 0 && start <= MonotonicMs()) {
         g_restarts = restarts;
         g_restartWindowStart = start;
     }
@@ -89,7 +89,9 @@ void RestartHost() {
     char history[64];
     snprintf(history, sizeof history, "%s=%u %lld", kRestartsName, g_restarts + 1, g_restartWindowStart);
     std::vector<char*> environment;
-    for (char** entry = environ; *entry; ++entry) environment.push_back(*entry);
+    for (char** entry = environ; *entry; ++entry) {
+        if (strncmp(*entry, history, sizeof kRestartsName) != 0) environment.push_back(*entry);  // "NAME="
+    }
     environment.push_back(history);
     environment.push_back(nullptr);
     // The saved command line is ours and stays whole across the fork.

@@ -323,15 +323,18 @@ bool MakeLockedDirectory(const std::string& pattern) {
         buffer.push_back('\0');
         if (!mkdtemp(buffer.data())) return false;  // mkdtemp makes it 0700
         int fd = open(buffer.data(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        if (fd < 0) {
+            rmdir(buffer.data());
+            return false;
+        }
         struct stat held, named;
-        if (fd >= 0 && flock(fd, LOCK_EX | LOCK_NB) == 0 && fstat(fd, &held) == 0 &&
-            lstat(buffer.data(), &named) == 0 && held.st_dev == named.st_dev && held.st_ino == named.st_ino) {
+        if (flock(fd, LOCK_EX | LOCK_NB) == 0 && fstat(fd, &held) == 0 && lstat(buffer.data(), &named) == 0 &&
+            held.st_dev == named.st_dev && held.st_ino == named.st_ino) {
             g_directoryFd = fd;
             *g_directory = buffer.data();
             return true;
         }
-        if (fd >= 0) close(fd);
-        rmdir(buffer.data());
+        close(fd);  // the other host removes it
     }
     return false;
 }
