@@ -40,6 +40,7 @@ TEST_F(Commands, EveryEndLeavesExactlyItsResultAndNothingBehind) {
     TempDir scratch;
     HostProcess& asResult = Open("exit_text.html?result", {"-key", "s3cret"});
     HostProcess& missingDirectory = Open("exit_text.html", {"-store", scratch.file("absent/result.txt")});
+    for (int s = 1; s < SIGRTMIN; ++s) signal(s, SIG_DFL);  // none ignored, whoever ran the tests (nohup)
     HostProcess& terminated = Add();  // the next host: its directory is the others' XDG_RUNTIME_DIR
     Script(m_cwd.file(".install"), "ended", "while kill -0 $PPID; do sleep 0.1; done");
     std::pair<int, bool> endings[] = {{SIGHUP, true},
