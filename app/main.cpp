@@ -93,6 +93,7 @@ int main(int argc, char** argv) {
     PreloadSanitizerRuntime();
     AvoidBusAutolaunch();
     SaveCommandLine(argc, argv);
+    TakeRestartHistory();
     DropInspectorServerUnlessAutomated();
     char lazyRoot[kPathSize];
     LazyStartRoot(lazyRoot, sizeof lazyRoot);

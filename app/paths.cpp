@@ -1,5 +1,6 @@
 #include "app/paths.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -33,13 +34,39 @@ bool Exists(const char* path) {
     return stat(path, &st) == 0;
 }
 
-// A script runs with the user's rights: only one that nobody else could
-// have planted or changed counts as there.
-bool JoinTrustedScript(char* out, uint32_t size, const char* first, const char* second,
-                       const char* third = nullptr) {
+// Written by nobody but the user or root, and writable by nobody else.
+bool OwnedAndClosed(int fd) {
     struct stat st;
-    return Join(out, size, first, second, third) && stat(out, &st) == 0 &&
-           (st.st_uid == getuid() || st.st_uid == 0) && (st.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+    return fstat(fd, &st) == 0 && (st.st_uid == getuid() || st.st_uid == 0) &&
+           (st.st_mode & (S_IWGRP | S_IWOTH)) == 0;
+}
+
+// A script runs with the user's rights: only one that nobody else could
+// have planted, changed or swapped for another counts as there.  The
+// checks are made on what was opened, never on the name again: the caller
+// runs the descriptor.  Its directory must be closed to others too, or a
+// file of the right owner (a link to a program of root's) could be put
+// under the name.
+int OpenTrustedScript(char* out, uint32_t size, const char* first, const char* second, const char* third) {
+    char directory[kPathSize];
+    if (!Join(out, size, first, second, third) || !Join(directory, sizeof directory, out, "")) return -1;
+    char* slash = strrchr(directory, '/');
+    const char* leaf = slash ? out + (slash - directory) + 1 : out;
+    if (slash) {
+        slash[1] = '\0';
+    } else {
+        strcpy(directory, ".");
+    }
+    int parent = open(directory, O_PATH | O_DIRECTORY | O_CLOEXEC);
+    int script =
+        parent >= 0 && OwnedAndClosed(parent) ? openat(parent, leaf, O_PATH | O_NOFOLLOW | O_CLOEXEC) : -1;
+    if (parent >= 0) close(parent);
+    struct stat st;
+    if (script >= 0 && (fstat(script, &st) != 0 || !S_ISREG(st.st_mode) || !OwnedAndClosed(script))) {
+        close(script);
+        script = -1;
+    }
+    return script;
 }
 
 bool JoinExisting(char* out, uint32_t size, const char* first, const char* second,
@@ -83,11 +110,14 @@ bool FindWindowIcon(char* out, uint32_t size) {
            JoinExisting(out, size, SystemPath(PLACE_SYSTEM_ETC), "kvo.ico");
 }
 
-bool FindMaintenanceScript(const char* name, bool search, char* out, uint32_t size) {
-    if (name == nullptr) return false;
-    return (search && (JoinTrustedScript(out, size, HomeDirectory(), "/.kvo/", name) ||
-                       JoinTrustedScript(out, size, SystemPath(PLACE_SYSTEM_ETC), name))) ||
-           JoinTrustedScript(out, size, ".", name);
+int OpenMaintenanceScript(const char* name, bool search, char* out, uint32_t size) {
+    if (name == nullptr) return -1;
+    int script = -1;
+    if (search) script = OpenTrustedScript(out, size, HomeDirectory(), "/.kvo/", name);
+    if (search && script < 0)
+        script = OpenTrustedScript(out, size, SystemPath(PLACE_SYSTEM_ETC), name, nullptr);
+    if (script < 0) script = OpenTrustedScript(out, size, ".", name, nullptr);
+    return script;
 }
 
 void LazyStartRoot(char* out, uint32_t size) {

@@ -42,7 +42,35 @@ void WatchTerminationSignals() {
     action.sa_handler = OnSignal;
     sigemptyset(&action.sa_mask);
     // No SA_RESTART: a pause or a wait in progress is cut short.
-    for (int signal : {SIGTERM, SIGINT, SIGHUP}) sigaction(signal, &action, nullptr);
+    // Left alone, with the reason:
+    // - SIGUSR1 and SIGXCPU: WebKit's own (thread suspension, real-time
+    //   threads), taken once the web context exists.  SIGUSR1 from outside
+    //   ends the host in WebKit's handler, as a crash.
+    // - SIGPIPE: GTK and GIO ignore it; a write to a closed pipe just fails.
+    // - SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGABRT, SIGTRAP, SIGSYS: faults,
+    //   after which the process's state cannot be trusted to clean up.
+    // - The real-time signals: glibc's and other libraries' to hand out
+    //   (JSC_SIGNAL_FOR_GC, timers); nothing sends them by accident.
+    for (int signal : {SIGHUP,
+                       SIGINT,
+                       SIGQUIT,
+                       SIGUSR2,
+                       SIGALRM,
+                       SIGTERM,
+                       SIGSTKFLT,
+                       SIGXFSZ,
+                       SIGVTALRM,
+                       SIGPROF,
+                       SIGIO,
+                       SIGPWR}) {
+        // An ignored signal (nohup, a background job's SIGINT) never ends
+        // the host, and a handler already there (a preloaded profiler's
+        // SIGPROF) is someone else's.
+        struct sigaction old = {};
+        if (sigaction(signal, nullptr, &old) == 0 && old.sa_handler == SIG_DFL) {
+            sigaction(signal, &action, nullptr);
+        }
+    }
 }
 
 bool TerminatedBySignal() { return g_terminated != 0; }

@@ -1,10 +1,12 @@
 #include "bridge/bridge_server.h"
 
+#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <glib-unix.h>
 #include <glib.h>
 #include <sched.h>
+#include <sys/file.h>
 #include <sys/random.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -47,6 +49,10 @@ std::vector<Connection*>* g_connections = nullptr;
 uint32_t g_helloSize = 0;  // the body of a hello with a token
 char g_socketPathRaw[sizeof(sockaddr_un::sun_path)];
 char g_directoryRaw[sizeof(sockaddr_un::sun_path)];
+// The directory, open and flock()ed for the host's whole life: the lock
+// goes with the process however it ends, so a later host can tell a
+// directory whose owner is gone.  Close-on-exec, so no child keeps it.
+int g_directoryFd = -1;
 
 gboolean OnReadable(gint fd, GIOCondition condition, gpointer data);
 gboolean OnWritable(gint fd, GIOCondition condition, gpointer data);
@@ -282,18 +288,66 @@ bool SafeBase(const char* base) {
     return (st.st_mode & (S_IWGRP | S_IWOTH)) == 0 || (st.st_mode & S_ISVTX) != 0;
 }
 
+constexpr char kPrefix[] = "kavori-";
+constexpr size_t kNameLength = sizeof kPrefix - 1 + 6;  // mkdtemp's XXXXXX
+
+// A host of this user that could not remove its directory (SIGKILL, a
+// crash) left it unlocked: it goes, socket and all.  Another user's
+// directories and symlinks are not touched.
+void RemoveAbandonedDirectories(const char* base) {
+    DIR* listing = opendir(base);
+    if (!listing) return;
+    int baseFd = dirfd(listing);
+    while (struct dirent* entry = readdir(listing)) {
+        if (strncmp(entry->d_name, kPrefix, sizeof kPrefix - 1) != 0 ||
+            strlen(entry->d_name) != kNameLength) {
+            continue;
+        }
+        int fd = openat(baseFd, entry->d_name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        if (fd < 0) continue;
+        struct stat st;
+        if (fstat(fd, &st) == 0 && st.st_uid == getuid() && flock(fd, LOCK_EX | LOCK_NB) == 0) {
+            unlinkat(fd, "bridge", 0);
+            unlinkat(baseFd, entry->d_name, AT_REMOVEDIR);
+        }
+        close(fd);
+    }
+    closedir(listing);
+}
+
+// mkdtemp, then the lock.  Between the two another host may take the new
+// directory for abandoned and remove it: then it is made anew.
+bool MakeLockedDirectory(const std::string& pattern) {
+    for (int attempt = 0; attempt < 4; ++attempt) {
+        std::vector<char> buffer(pattern.begin(), pattern.end());
+        buffer.push_back('\0');
+        if (!mkdtemp(buffer.data())) return false;  // mkdtemp makes it 0700
+        int fd = open(buffer.data(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        if (fd < 0) {
+            rmdir(buffer.data());
+            return false;
+        }
+        struct stat held, named;
+        if (flock(fd, LOCK_EX | LOCK_NB) == 0 && fstat(fd, &held) == 0 && lstat(buffer.data(), &named) == 0 &&
+            held.st_dev == named.st_dev && held.st_ino == named.st_ino) {
+            g_directoryFd = fd;
+            *g_directory = buffer.data();
+            return true;
+        }
+        close(fd);  // the other host removes it
+    }
+    return false;
+}
+
 bool MakeDirectory() {
     const char* bases[] = {getenv("XDG_RUNTIME_DIR"), getenv("TMPDIR"), "/tmp"};
     for (const char* base : bases) {
         if (!base || base[0] != '/' || !SafeBase(base)) continue;
-        std::string pattern = std::string(base) + "/kavori-XXXXXX";
+        std::string pattern = std::string(base) + "/" + kPrefix + "XXXXXX";
         // The socket's path must fit sun_path; a deep base is skipped.
         if (pattern.size() + strlen("/bridge") >= sizeof(g_socketPathRaw)) continue;
-        std::vector<char> buffer(pattern.begin(), pattern.end());
-        buffer.push_back('\0');
-        if (!mkdtemp(buffer.data())) continue;  // mkdtemp makes it 0700
-        *g_directory = buffer.data();
-        return true;
+        RemoveAbandonedDirectories(base);
+        if (MakeLockedDirectory(pattern)) return true;
     }
     return false;
 }
@@ -364,6 +418,8 @@ void BridgeRemoveSocketDirectory() {
     if (g_directoryRaw[0]) rmdir(g_directoryRaw);
     g_socketPathRaw[0] = '\0';
     g_directoryRaw[0] = '\0';
+    if (g_directoryFd >= 0) close(g_directoryFd);  // the lock goes last
+    g_directoryFd = -1;
 }
 
 size_t BridgeConnectionCount() { return g_connections ? g_connections->size() : 0; }

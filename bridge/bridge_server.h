@@ -11,7 +11,9 @@
 typedef void (*BridgeHandler)(const BridgeRequest& request, BridgeReply* reply);
 
 // Creates the directory, socket and token and starts accepting on the
-// default main context.  False when no socket could be made.
+// default main context.  False when no socket could be made.  The directory
+// stays locked while this process lives; directories of this user that
+// earlier hosts left in the same place, unlocked, are removed first.
 bool BridgeServerStart(BridgeHandler handler);
 // The socket path and token for the extension's start-up data.
 void BridgeFillStartupData(StartupData* data);

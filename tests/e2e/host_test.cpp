@@ -5,10 +5,21 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstring>
+#include <iterator>
+#include <sstream>
+
+#include "app/launch.h"
 #include "tests/e2e/e2e.h"
 
 namespace kvotest {
 namespace {
+
+// The words of a command line; no word here holds a blank.
+std::vector<std::string> Words(const std::string& line) {
+    std::istringstream in(line);
+    return {std::istream_iterator<std::string>(in), std::istream_iterator<std::string>()};
+}
 
 class Commands : public RealHost {
 protected:
@@ -23,9 +34,13 @@ protected:
     TempDir m_cwd;
 };
 
+// Dialogs through the example caller; then hosts waiting for a script (-test wins over -url: no window, no
+// plug-in, no WebKit), a signal each: a signal taken ends one as SIGTERM does; after SIGKILL or a crash
+// (SIGUSR1 is WebKit's) of a dialog the next host sweeps.
 TEST_F(Commands, EveryEndLeavesExactlyItsResultAndNothingBehind) {
-    // Through the example caller (its stdout in the result file): two dialogs at once, each with its own
-    // result (the second: every function of Kavori) and key, and one that outlasts the caller's timeout.
+    for (int s = 1; s < SIGRTMIN; ++s) signal(s, SIG_DFL);  // none ignored, whoever ran the tests (nohup)
+    // The caller's stdout in the result file: two dialogs at once, each with its own result (the second:
+    // every function of Kavori) and key, and one that outlasts the caller's timeout.
     const std::string pages[] = {"exit_text.html?result", "calls.html", "idle.html"};
     for (const std::string& page : pages) {
         HostProcess& caller = Add();
@@ -36,7 +51,33 @@ TEST_F(Commands, EveryEndLeavesExactlyItsResultAndNothingBehind) {
                                           HostBinary() + " '" + PageUrl(page) + "' -root " +
                                           PluginDir("recording") + " > " + caller.storePath()}));
     }
-    HostProcess& terminated = Open("idle.html");
+    HostProcess& next = Add();  // its directory is the crashed hosts' XDG_RUNTIME_DIR
+    // What a -test host has beside its script: no bridge directory, no process but the script.
+    Script(m_cwd.file(".install"),
+           "ended",
+           "{ ls -d \"$XDG_RUNTIME_DIR\"/kavori-*; for c in $(cat /proc/$PPID/task/*/children); do\n"
+           "[ $c = $$ ] || cat /proc/$c/comm; done; } > \"$HOME/beside\"\n"
+           "while kill -0 $PPID; do sleep 0.1; done");
+    std::pair<int, bool> endings[] = {{SIGHUP, true},
+                                      {SIGINT, true},
+                                      {SIGQUIT, true},
+                                      {SIGUSR2, true},
+                                      {SIGALRM, true},
+                                      {SIGTERM, true},
+                                      {SIGSTKFLT, true},
+                                      {SIGXFSZ, true},
+                                      {SIGVTALRM, true},
+                                      {SIGPROF, true},
+                                      {SIGIO, true},
+                                      {SIGPWR, true},
+                                      {SIGUSR1, false},
+                                      {SIGKILL, false}};
+    for (const auto& ending : endings) {
+        HostProcess& host = Add();
+        if (!ending.second) host.env = {"XDG_RUNTIME_DIR=" + next.dir()};
+        ASSERT_TRUE(ending.second ? host.StartArgv({HostBinary(), "-test", "script install"})
+                                  : host.Open("idle.html"));
+    }
     // U+0001 to U+007F, then characters of two, three and four bytes in UTF-8, 3000 times.
     std::string once = "\xc3\xa9\xe0\xa0\x80\xe2\x82\xac\xef\xbf\xbf\xf0\x9f\x98\x80\xf4\x8f\xbf\xbf\r\nend",
                 text;
@@ -50,11 +91,24 @@ TEST_F(Commands, EveryEndLeavesExactlyItsResultAndNothingBehind) {
         EXPECT_TRUE(CountOf(hosts[i]->Record(), "SetProperty Key=" + pages[i]) == 1 &&
                     hosts[i]->LastSet("Key") == "");
 
-    // Ended by SIGTERM with the bridge in use: no result then.
-    ASSERT_TRUE(terminated.WaitForRecord("SetProperty Seen=" + PageUrl("idle.html"))) << terminated.output();
-    ASSERT_TRUE(PollUntil([&] { return !WebProcessesOf(terminated.pid()).empty(); }));
-    ASSERT_EQ(0, kill(terminated.pid(), SIGTERM));
-    EXPECT_EQ("<no file>", terminated.Result());
+    ASSERT_TRUE(PollUntil([&] { return next.SocketDirectories().size() == 2; }, 60000));
+    for (size_t i = 0; i < std::size(endings); ++i) {
+        HostProcess& host = *hosts[4 + i];
+        bool taken = endings[i].second;
+        ASSERT_TRUE(!taken || PollUntil([&] { return FileExists(host.home() + "/beside"); }, 60000));
+        ASSERT_EQ(0, kill(host.pid(), endings[i].first));
+        EXPECT_EQ(taken, host.Wait() == 0) << strsignal(endings[i].first);  // ASan: crashes give 1
+        EXPECT_EQ("", ReadFileOr(host.home() + "/beside")) << strsignal(endings[i].first);
+        EXPECT_TRUE(!taken || !FileExists(host.recordPath()));
+    }
+    // The next host in their place finds its own directory alone; ended by SIGTERM with the bridge in use,
+    // it leaves no result.
+    ASSERT_TRUE(next.Open("idle.html"));
+    ASSERT_TRUE(next.WaitForRecord("SetProperty Seen=" + PageUrl("idle.html"))) << next.output();
+    ASSERT_TRUE(PollUntil([&] { return !WebProcessesOf(next.pid()).empty(); }));
+    EXPECT_EQ(1u, next.SocketDirectories().size());
+    ASSERT_EQ(0, kill(next.pid(), SIGTERM));
+    EXPECT_EQ("<no file>", next.Result());
     for (auto& host : hosts) EXPECT_EQ("", host->Leftovers());
 }
 
@@ -68,27 +122,12 @@ TEST_F(Commands, ResizeReloadAndTheMaintenanceScripts) {
                          "[\"decimalText\",\"20971776\",\"320x256\"],[\"widest\",-65436,\"32767x100\"]]"));
     HostProcess& reload = Open("reload_start.html");
     HostProcess& scripts = Add();
-    for (HostProcess* host : {&scripts, &Add()}) {
-        Script(host->home() + "/.kvo/install", "home-install");  // install never searches
-        // Later than the host's first look; with -test, beside it no WebKit process and no bridge directory.
-        std::string beside =
-            "sleep 0.3\n{ ls -d \"$XDG_RUNTIME_DIR\"/kavori-*; cd /proc/$PPID/task\n"
-            "for c in $(cat */children); do grep -v repair /proc/$c/comm; done; } > \"$HOME/beside\"";
-        Script(host->home() + "/.kvo/repair", "home-repair", beside);
-        Script(host->home() + "/.kvo/uninstall", "home-uninstall");
-    }
+    Script(scripts.home() + "/.kvo/install", "home-install");             // install never searches
+    Script(scripts.home() + "/.kvo/repair", "home-repair", "sleep 0.3");  // later than the host's first look
+    Script(scripts.home() + "/.kvo/uninstall", "home-uninstall");
     for (const char* name : {"install", "repair", "uninstall"})
         Script(m_cwd.file(std::string(".") + name), name);
     ASSERT_TRUE(scripts.Open("scripts.html"));
-    // -test: the script, waited for, and no window or plug-in.
-    HostProcess& testMode = *hosts.back();
-    for (const char* value : {"script repair", "script install"}) {
-        ASSERT_TRUE(testMode.StartArgv({HostBinary(), "-test", value, "-url", PageUrl("idle.html")}));
-        EXPECT_EQ(0, testMode.Wait()) << value << testMode.output();
-    }
-    EXPECT_EQ("home-repair\ninstall\n", ReadFileOr(testMode.home() + "/log"));
-    EXPECT_EQ("", ReadFileOr(testMode.home() + "/beside"));
-    EXPECT_FALSE(FileExists(testMode.recordPath()));
 
     EXPECT_EQ("ok", resize.Result());
     EXPECT_EQ("ok", reload.Result());
@@ -97,53 +136,51 @@ TEST_F(Commands, ResizeReloadAndTheMaintenanceScripts) {
     EXPECT_EQ("0,0,0,0,0,0,0,0", scripts.LastSet("Results"));
 }
 
-TEST_F(Commands, RestartRunsTheSameCommandLineAndLeavesOnlyTheNewHost) {
-    ASSERT_EQ(0, prctl(PR_SET_CHILD_SUBREAPER, 1));  // the new host becomes ours when the first ends
+TEST_F(Commands, RestartRunsTheSameCommandLineUntilItsBoundAndLeavesOnlyTheLastHost) {
+    ASSERT_EQ(0, prctl(PR_SET_CHILD_SUBREAPER, 1));  // the new hosts become ours as the earlier ones end
     HostProcess& host = Add();
-    // Started by its bare name along PATH, beside a planted program of that name in the working
-    // directory: the restart runs the program that runs, never the planted one.
-    host.env = {"PATH=" + HostBinary().substr(0, HostBinary().rfind('/')) + ":/usr/bin:/bin"};
+    // Started by its bare name along PATH beside a planted program of that name: the restart runs the program
+    // that runs.  Its environment holds the most restarts allowed, from a window that has passed.
+    host.env = {"PATH=" + HostBinary().substr(0, HostBinary().rfind('/')) + ":/usr/bin:/bin",
+                "KAVORI_RESTARTS=" + std::to_string(kMaxRestarts) + " " +
+                    std::to_string(MonotonicMs() - kRestartWindowMs - 1000)};
     Script(m_cwd.file("kavori-host"), "planted");
     // gtk_init takes --class out of its own vector; the restart must pass it on all the same, and the
     // result's descriptor that the caller holds (the shell's 3).
-    std::vector<std::string> argv = {"kavori-host",
-                                     "--class",
-                                     "KvoRestart",
-                                     "-url",
-                                     PageUrl("restart.html?" + host.recordPath()),
-                                     "-root",
-                                     PluginDir("recording"),
-                                     "-key",
-                                     "k",
-                                     "-store",
-                                     "/dev/fd/3"};
+    std::vector<std::string> argv = Words("kavori-host --class KvoRestart -url " + PageUrl("restart.html") +
+                                          " -root " + PluginDir("recording") + " -key k -store /dev/fd/3");
     argv.insert(argv.begin(), {"/bin/sh", "-c", "exec \"$@\" 3> \"$0\"", host.storePath()});
+    std::shared_ptr<void> reap(nullptr, [&host](void*) {  // should the test end early: the chain's hosts
+        PollUntil([&] {
+            std::vector<pid_t> left = ProcessesWithEnv("XDG_RUNTIME_DIR=" + host.dir());  // zombies have none
+            for (pid_t pid : left) kill(pid, SIGKILL);
+            return left.empty();
+        });
+    });
     ASSERT_TRUE(host.StartArgv(argv));
     ASSERT_EQ(0, host.Wait()) << host.output();
-    ASSERT_TRUE(host.WaitForRecord("SetProperty Asked=2")) << host.output();  // the second host's page
-    pid_t second = 0;
+    // The page restarts on every load until the bound makes restart give 0 (later on a very slow machine).
+    ASSERT_TRUE(host.WaitForRecord("SetProperty Restart=0", 1, 60000)) << host.output();
+    pid_t last = 0;
     ASSERT_TRUE(PollUntil([&] {
         for (pid_t pid : ProcessesWithEnv("XDG_RUNTIME_DIR=" + host.dir()))
-            second = ProgramOf(pid) == "kavori-host" ? pid : second;
-        return second != 0;
+            last = ProgramOf(pid) == "kavori-host" ? pid : last;
+        return last != 0;
     }));
-    std::shared_ptr<void> reap(nullptr, [second](void*) {  // the new host, should the test end early
-        if (waitpid(second, nullptr, WNOHANG) == 0 && kill(second, SIGKILL) == 0) waitpid(second, nullptr, 0);
-    });
     std::string expected;
     for (auto a = argv.begin() + 4; a != argv.end(); ++a) expected += *a + '\0';  // as the shell gave it
-    EXPECT_EQ(expected, ReadFileOr("/proc/" + std::to_string(second) + "/cmdline"));
-    unsigned long window = x.WindowOf(second);
-    EXPECT_TRUE(Has(x.Property(window, "WM_CLASS"), "\"KvoRestart\""));
-    // The first left no result, kept the key, and restart did not return to its page.
+    EXPECT_EQ(expected, ReadFileOr("/proc/" + std::to_string(last) + "/cmdline"));
+    // Every host but the last left no result, kept the key, and restart did not return to its page.
+    int hostsMade = CountOf(host.Record(), "GetProperty Generation");
+    EXPECT_GE(hostsMade, int(kMaxRestarts) + 1);
     EXPECT_EQ("", ReadFileOr(host.storePath()));
-    EXPECT_EQ(2, CountOf(host.Record(), "SetProperty Key=k"));
+    EXPECT_EQ(hostsMade, CountOf(host.Record(), "SetProperty Key=k"));
     EXPECT_EQ(0, CountOf(host.Record(), "SetProperty Key="));
-    EXPECT_EQ("<none>", host.LastSet("Restart"));
+    EXPECT_EQ(1, CountOf(host.Record(), "SetProperty Restart=0"));
     EXPECT_FALSE(FileExists(host.home() + "/log"));
-    // The new one is a dialog like any other, and nothing of either is left.
-    ASSERT_TRUE(x.SendDeleteWindow(window));
-    EXPECT_EQ(0, WaitProcess(second, 20000));
+    // The last one is a dialog like any other, and nothing of any is left.
+    ASSERT_TRUE(x.SendDeleteWindow(x.WindowOf(last)));
+    EXPECT_EQ(0, WaitProcess(last, 20000));
     EXPECT_EQ("OK", ReadFileOr(host.storePath(), "<no file>"));
     EXPECT_EQ("", host.Leftovers());
 }
@@ -153,32 +190,16 @@ using Windows = RealHost;
 TEST_F(Windows, GeometryTitleIconAndSizeHintsAsXHasThem) {
     const std::string icon = SourceDir() + "/tests/fixtures/pages/kvo.ico";
     struct Row {
-        std::vector<std::string> arguments;
-        std::string shape, title;
+        std::string arguments, shape, title;
         bool fixed;
     } rows[] = {
         // 400 x (330 - 30), at the left edge and 50 from the bottom (an x of 0 still moves it).
-        {{"-size",
-          "0x0190014A",
-          "-position",
-          "0x00008032",
-          "-title",
-          "Sized",
-          "-icon",
-          icon,
-          "-wait",
-          "300000"},
-         "400x300+0+674",
-         "Sized",
-         true},
+        {"-size 0x0190014A -position 0x00008032 -title Sized -icon " + icon, "400x300+0+674", "Sized", true},
         // As high as the screen, so only x is centred; -position is not looked at.
-        {{"-position", "0x00100010", "-size", "32769054", "-center", "-resizing"},
-         "500x1024+390+0",
-         "Kavori",
-         false},
+        {"-position 0x00100010 -size 32769054 -center -resizing", "500x1024+390+0", "Kavori", false},
         // An ordinary window of the screen's size, not the toolkit's full-screen state.
-        {{"-size", "0x0190014A", "-position", "0x00640032", "-fullscreen"}, "1280x1024+0+0", "Kavori", true}};
-    for (const Row& row : rows) Open("idle.html", row.arguments);
+        {"-size 0x0190014A -position 0x00640032 -fullscreen -wait 300000", "1280x1024+0+0", "Kavori", true}};
+    for (const Row& row : rows) Open("idle.html", Words(row.arguments));
     for (size_t i = 0; i < hosts.size(); ++i) {
         SCOPED_TRACE(rows[i].shape);
         unsigned long w = hosts[i]->Window();
@@ -228,7 +249,6 @@ TEST_F(Windows, TheConfiguredStartGivesPagePrefixTitleAndUserAgent) {
     std::vector<std::string> record = host.Record();
     EXPECT_EQ(1, CountOf(record, "GetProperty ConfigGlobal:Dialog:PathResource"));
     EXPECT_EQ(1, CountOf(record, "SetProperty Key=own"));
-    EXPECT_EQ(0, CountOf(record, "SetProperty Key=configured"));
     // The composed user agent: WebKit's, the product's version, maybe this system's description.
     std::string agent = host.LastSet("Agent");
     EXPECT_TRUE(agent.rfind("Mozilla/5.0 ", 0) == 0 && Has(agent, " Kavori/6.7")) << agent;

@@ -36,13 +36,10 @@ struct Libraries {
         if (!module.empty()) Link(Fixture("modules", module) + "libkvop11.so", "libkvop11.so");
         if (!plugin.empty()) Link(Fixture("plugins", plugin) + "libkvo.so", "libkvo.so");
     }
-    void Link(const std::string& target, const std::string& name) {
-        symlink(target.c_str(), dir.file(name).c_str());
-    }
+    void Link(const std::string& to, const std::string& name) { symlink(to.c_str(), dir.file(name).c_str()); }
     std::string path() const { return dir.path() + "/"; }
-    Lines Record(Lines got = {}) {
-        return got = ReadLines(file), unlink(file.c_str()), got;
-    }  // and begin a new one
+    // The record so far, and a new one begun.
+    Lines Record(Lines got = {}) { return got = ReadLines(file), unlink(file.c_str()), got; }
 };
 
 TEST(Trace, FlagsAndPrefixesDecideEachLine) {
@@ -120,8 +117,14 @@ TEST(WrapperPlugin, EachVariantForwardsUntilFinalizedAndClosed) {
     } variants[] = {
         // calls: trace, start, Invoke, Finalize
         {"recording", 1, 1, {"SetTraceCallback set", "Initialize", server, "Invoke -7", "Finalize"}},
-        {"no_trace", 1, 1, {"Initialize", server, "Invoke -7", "Finalize"}},
-        {"no_enum", 0, 0, {}},  // a required export is missing: closed again
+        {"no_PlgSetTraceCallback", 1, 1, {"Initialize", server, "Invoke -7", "Finalize"}},  // optional
+        // A required export is missing: closed again.
+        {"no_PlgInitialize", 0, 0, {}},
+        {"no_PlgFinalize", 0, 0, {}},
+        {"no_PlgSetProperty", 0, 0, {}},
+        {"no_PlgGetProperty", 0, 0, {}},
+        {"no_PlgEnumProperty", 0, 0, {}},
+        {"no_PlgInvoke", 0, 0, {}},
         {"init_fails", 1, 0, {"SetTraceCallback set", "Initialize", "Invoke -7"}},
         {"init_fails_with_handle", 1, 0, {"SetTraceCallback set", "Initialize", "Invoke -7", "Finalize"}}};
     Libraries libraries;
@@ -155,70 +158,24 @@ void PrintTo(const Scenario& s, std::ostream* out) {
 }
 class Startup : public testing::TestWithParam<Scenario> {};
 
-const std::string kUp = "Pkcs#11 library successfully initialized",
-                  kDown = "Pkcs#11 library successfully finalized", kPluginDown = "Plugin library finalized",
-                  kPluginFailed = "Plugin library initialize failed",
-                  kNeed = "Need to load pkcs#11 library for environment variables";
+const std::string Up = "Pkcs#11 library successfully initialized",
+                  Down = "Pkcs#11 library successfully finalized", Missing = "Pkcs#11 library missing",
+                  InitFailed = "Pkcs#11 library initialize failed",
+                  FinalizeFailed = "Pkcs#11 library finalize failed", PlugDown = "Plugin library finalized",
+                  PlugMissing = "Plugin library missing", PlugFailed = "Plugin library initialize failed",
+                  Need = "Need to load pkcs#11 library for environment variables";
 INSTANTIATE_TEST_SUITE_P(
     Table, Startup,
     testing::ValuesIn(std::vector<Scenario>{
-        {"", "recording", 3, 0, 6, {"Pkcs#11 library missing"}, 0, {kPluginDown}, ""},
-        {"init_fails",
-         "recording",
-         3,
-         0,
-         5,
-         {"Pkcs#11 library initialize failed"},
-         0,
-         {kPluginDown},
-         "C_Initialize"},
-        {"recording",
-         "",
-         3,
-         0,
-         6,
-         {kUp, "Plugin library missing", kPluginDown, kDown},
-         0,
-         {kPluginDown},
-         "C_Finalize"},
-        {"recording",
-         "init_fails",
-         3,
-         0,
-         6,
-         {kUp, kPluginFailed, kPluginDown, kDown},
-         0,
-         {kPluginDown},
-         "C_Finalize"},
-        {"recording",
-         "init_fails",
-         2,
-         1,
-         6,
-         {kNeed, kPluginFailed},
-         0,
-         {kPluginDown, kDown},
-         "C_Finalize"},  // module started before
-        {"finalize_fails",
-         "",
-         1,
-         0,
-         0,
-         {kUp},
-         0x30,
-         {kPluginDown, "Pkcs#11 library finalize failed"},
-         "C_Finalize"},
-        {"already_initialized", "", 1, 0, 0, {kUp}, 0, {kPluginDown, kDown}, "C_Initialize"},
-        {"recording",
-         "recording",
-         2,
-         0,
-         0,
-         {kNeed, "Plugin library successfully initialized"},
-         0,
-         {kPluginDown},
-         "Finalize"},
-        {"recording", "recording", 4, 0, 0, {kNeed}, 0, {kPluginDown}, ""}}));
+        {"", "recording", 3, 0, 6, {Missing}, 0, {PlugDown}, ""},
+        {"init_fails", "recording", 3, 0, 5, {InitFailed}, 0, {PlugDown}, "C_Initialize"},
+        {"recording", "", 3, 0, 6, {Up, PlugMissing, PlugDown, Down}, 0, {PlugDown}, "C_Finalize"},
+        {"recording", "init_fails", 3, 0, 6, {Up, PlugFailed, PlugDown, Down}, 0, {PlugDown}, "C_Finalize"},
+        // The module started before: this start leaves it up.
+        {"recording", "init_fails", 2, 1, 6, {Need, PlugFailed}, 0, {PlugDown, Down}, "C_Finalize"},
+        {"finalize_fails", "", 1, 0, 0, {Up}, 0x30, {PlugDown, FinalizeFailed}, "C_Finalize"},
+        {"already_initialized", "", 1, 0, 0, {Up}, 0, {PlugDown, Down}, "C_Initialize"},
+        {"recording", "recording", 4, 0, 0, {Need}, 0, {PlugDown}, ""}}));
 
 TEST_P(Startup, CodesMessagesAndRollBack) {
     const Scenario& s = GetParam();
@@ -269,7 +226,7 @@ TEST(StartLibraries, BothInOrderWithEveryParameterAndFiltersThatFollowTheTrace) 
                      "Failed to update parameter '!bad'",
                      "Updated parameter ''",
                      "Updated parameter '\x01g'",
-                     kUp,
+                     Up,
                      "Plugin library successfully initialized"}));
     SetTrace(Sink, TRACE_PKCS11_CALLS | TRACE_PLUGIN_WEB);  // the libraries hold filters, not the sink
     g_sink.clear();

@@ -35,7 +35,7 @@ private:
 };
 
 std::string HostBinary();
-std::string PluginDir(const std::string& variant);  // a built test plug-in: recording, no_enum, ...
+std::string PluginDir(const std::string& variant);  // a built test plug-in: recording, no_PlgInvoke, ...
 std::string PageUrl(const std::string& name);       // file:// URL of tests/fixtures/pages/<name>
 
 // The host run as a child with DISPLAY, HOME, XDG_RUNTIME_DIR and the
