@@ -108,7 +108,7 @@ int main(int argc, char** argv) {
     char** vector = inUse;
     int gtkCount = count;
 
-    gdk_set_allowed_backends("x11,*");  // window placement is an X11 notion
+    ChooseDisplayBackend();
     gtk_init(&gtkCount, &vector);
     count = gtkCount;
 
