@@ -92,6 +92,7 @@ TEST(Geometry, SizeCenterPositionAndFullscreen) {
     } rows[] = {{"", 256, 384, 0, 0},
                 {"-size 0x01000200", 256, 482, 0, 0},
                 {"-size 0x0100001F", 256, 1, 0, 0},
+                {"-size 0x0100001E", 256, 1, 0, 0},
                 {"-size", 0, 1, 0, 0},
                 {"-center", 256, 384, 512, 320},
                 {"-center -size 0x07D00212", 2000, 500, 0, 262},
@@ -223,6 +224,7 @@ TEST(Result, OnlyWhereTheCallerMeantIt) {
 }
 
 TEST(AppCommands, PackedSizesAndNamesThatIgnoreLetterCaseButNotBlanks) {
+    // Truncated toward zero, low 32 bits kept; 0 outside the signed 64-bit range, whatever the low bits.
     std::pair<double, uint32_t> sizes[] = {{NAN, 0},
                                            {INFINITY, 0},
                                            {0x032001E0, 0x032001E0},
@@ -230,9 +232,12 @@ TEST(AppCommands, PackedSizesAndNamesThatIgnoreLetterCaseButNotBlanks) {
                                            {1.9, 1},
                                            {-1.9, 0xFFFFFFFF},
                                            {4294967301.0, 5},
-                                           {9223372036854775807.0, 0},
-                                           {-9223372036854775808.0, 0},
-                                           {9223372036854774784.0, 0xFFFFFC00},
+                                           {-4294967301.0, 0xFFFFFFFB},
+                                           {0x1p63 - 1024, 0xFFFFFC00},
+                                           {0x1p63, 0},
+                                           {0x1p63 + 2048, 0},
+                                           {-0x1p63 + 1024, 0x400},
+                                           {-0x1p63 - 2048, 0},
                                            {1e300, 0}};
     for (const auto& r : sizes) EXPECT_EQ(PackedSizeFromNumber(r.first), r.second) << r.first;
 
