@@ -56,10 +56,7 @@ TEST_F(Displays, EachDesktopShowsTheWindowInLogicalPixels) {
         }
         std::vector<std::string> arguments = {"-size", "0x01A401C2"};
         arguments.insert(arguments.end(), row.arguments.begin(), row.arguments.end());
-        std::string steps =
-            "[[\"start\",\"420x420\"],[\"hold\"],[\"huge\",\"0x7FFF7FFF\",\"screen\"],"
-            "[\"small\",\"0x01400100\",\"320x256\"]]";
-        if (ready && host.Open("resize.html?" + steps, arguments)) dialogs.push_back({&row, &host});
+        if (ready && host.Open("resize.html?desktop", arguments)) dialogs.push_back({&row, &host});
     }
     for (auto [row, host] : dialogs) {
         SCOPED_TRACE(row->shape + testing::PrintToString(row->env));

@@ -60,17 +60,7 @@ TEST_F(Commands, EveryEndLeavesExactlyItsResultAndNothingBehind) {
 }
 
 TEST_F(Commands, ResizeReloadAndTheMaintenanceScripts) {
-    // [name, value, size]; "=" marks a size the window keeps, "*" any number.  It starts at 256 x 384.
-    // A half of 0 resizes no window; a half of 1 does, to the smallest the toolkit makes.
-    HostProcess& resize = Open("resize.html?[" + std::string("[\"number\",52429280,\"800x480\"],"
-                                                             "[\"hexText\",\"0x01400100\",\"320x256\"],"
-                                                             "[\"none\",null,\"=320x256\"],"
-                                                             "[\"zeroHigh\",\"0x01000000\",\"=320x256\"],"
-                                                             "[\"zeroWide\",\"0x00000100\",\"=320x256\"],"
-                                                             "[\"oneHigh\",\"0x00640001\",\"100x*\"],"
-                                                             "[\"back\",\"0x01400100\",\"320x256\"],"
-                                                             "[\"oneWide\",\"0x00010064\",\"*x100\"],"
-                                                             "[\"widest\",-65436,\"1280x100\"]]"));
+    HostProcess& resize = Open("resize.html");
     HostProcess& reload = Open("reload_start.html");
     HostProcess& scripts = Add();
     for (HostProcess* host : {&scripts, &Add()}) {
