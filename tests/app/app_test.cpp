@@ -93,7 +93,8 @@ TEST(Geometry, SizeCenterPositionAndFullscreen) {
                 {"-size 0x0100001F", 256, 1, 0, 0},
                 {"-size 0x0100001E", 256, 1, 0, 0},
                 {"-size", 0, 1, 0, 0},
-                {"-center -size 0x07D00212", 2000, 500, 0, 262},
+                {"-center -size 0x07D00212 -position 0x00640032", 2000, 500, 0, 262},
+                {"-position 0x80648032", 256, 384, 1280 - 256 - 100, 1024 - 384 - 50},  // from the far edges
                 {"-fullscreen -size 0x01000200 -position 0x00640032", 1280, 1024, 0, 0}};
     for (const auto& r : rows) {
         Argv args(std::string("host ") + r.args);
