@@ -59,8 +59,7 @@ TEST_F(Commands, EveryEndLeavesExactlyItsResultAndNothingBehind) {
     for (auto& host : hosts) EXPECT_EQ("", host->Leftovers());
 }
 
-TEST_F(Commands, ResizeReloadAndTheMaintenanceScripts) {
-    HostProcess& resize = Open("resize.html");
+TEST_F(Commands, ReloadAndTheMaintenanceScripts) {
     HostProcess& reload = Open("reload_start.html");
     HostProcess& scripts = Add();
     for (HostProcess* host : {&scripts, &Add()}) {
@@ -81,8 +80,6 @@ TEST_F(Commands, ResizeReloadAndTheMaintenanceScripts) {
     EXPECT_EQ("home-repair\ninstall\n", ReadFileOr(testMode.home() + "/log"));
     EXPECT_FALSE(FileExists(testMode.recordPath()));
 
-    EXPECT_EQ("ok", resize.Result());
-    EXPECT_FALSE(Has(resize.output(), "CRITICAL")) << resize.output();  // no call the toolkit refuses
     EXPECT_EQ("ok", reload.Result());
     EXPECT_EQ("OK", scripts.Result());  // uninstall ends the dialog as an exit without texts
     EXPECT_EQ("install\nhome-repair\nhome-uninstall\n", ReadFileOr(scripts.home() + "/log"));
