@@ -4,7 +4,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <string>
 
 #include "app/developer.h"
 #include "app/host_state.h"
@@ -28,10 +27,11 @@ void ChooseDisplayBackend() {
     // then dies with it), and X11 comes first.
     const char* runtime = getenv("XDG_RUNTIME_DIR");
     size_t length = runtime ? strlen(runtime) : 0;
+    char name[256];  // a copy: setenv replaces the text that wayland points into
     if (wayland && length > 0 && strncmp(wayland, runtime, length) == 0 && wayland[length] == '/' &&
-        !strchr(wayland + length + 1, '/')) {
-        std::string name = wayland + length + 1;
-        setenv("WAYLAND_DISPLAY", name.c_str(), 1);
+        !strchr(wayland + length + 1, '/') && strlen(wayland + length + 1) < sizeof name) {
+        strcpy(name, wayland + length + 1);
+        setenv("WAYLAND_DISPLAY", name, 1);
         wayland = getenv("WAYLAND_DISPLAY");
     }
     bool named = wayland && *wayland && !strchr(wayland, '/');
