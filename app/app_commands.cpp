@@ -11,6 +11,7 @@
 #include "app/host_state.h"
 #include "app/launch.h"
 #include "app/options.h"
+#include "app/window.h"
 
 char* g_exitResult = nullptr;
 char* g_exitSuccessText = nullptr;
@@ -22,15 +23,17 @@ void ReplaceText(char** slot, const char* text) {
     *slot = text ? CopyText(text, strlen(text)) : nullptr;
 }
 
-// GDK makes no native window beyond 32767 pixels a side; a larger size
-// (a page's -1 asks for 65535 x 65535) ends the host in an X error or a
-// crash while drawing, so both calls get at most this.
-constexpr int kLargestSide = 32767;
-
 void Resize(const char* arg2, double arg2Number) {
     uint32_t packed = arg2 ? ParseNumber(arg2) : PackedSizeFromNumber(arg2Number);
-    int width = std::min(static_cast<int>(packed >> 16), kLargestSide);
-    int height = std::min(static_cast<int>(packed & 0xFFFF), kLargestSide);
+    // A page gets at most the work area of the window's monitor, in logical
+    // pixels like the size itself: a larger window only costs the display
+    // server memory (0x7FFF7FFF grew an X server by 4 GB and cost the web
+    // process its life), and beyond 32767 device pixels it ends the host
+    // in an X error.
+    int32_t areaWidth = 0, areaHeight = 0;
+    GetWorkAreaSize(&areaWidth, &areaHeight);
+    int width = std::min(static_cast<int>(packed >> 16), areaWidth);
+    int height = std::min(static_cast<int>(packed & 0xFFFF), areaHeight);
     if (g_webView) gtk_widget_set_size_request(g_webView, width, height);
     // GTK refuses a zero-sized window resize with a warning; the request
     // above still goes through, the window keeps its size.
@@ -60,9 +63,11 @@ void EndExitTurn() {
 }
 
 uint32_t PackedSizeFromNumber(double value) {
-    // Exactly representable bounds of the signed 64-bit range.
-    if (std::isnan(value) || value >= 9223372036854775808.0 || value < -9223372036854775808.0) return 0;
-    return static_cast<uint32_t>(static_cast<uint64_t>(static_cast<int64_t>(value)));
+    // The bounds are exact doubles; NaN fails both.  Inside them the low 32
+    // bits come from the remainder by 2^32 (exact, with the number's sign,
+    // truncated by the cast), so that only this test decides what lies outside.
+    if (!(value >= -0x1p63 && value < 0x1p63)) return 0;
+    return static_cast<uint32_t>(static_cast<int64_t>(std::fmod(value, 0x1p32)));
 }
 
 int32_t RunApplicationCommand(const char* command, int32_t argc, const char* arg2, const char* arg3,

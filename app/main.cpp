@@ -114,7 +114,7 @@ int main(int argc, char** argv) {
     char** vector = inUse;
     int gtkCount = count;
 
-    gdk_set_allowed_backends("x11,*");  // window placement is an X11 notion
+    ChooseDisplayBackend();
     if (!gtk_init_check(&gtkCount, &vector)) {
         // GTK would end the process with 1 and a bare warning; say it plainly.
         fprintf(stderr,

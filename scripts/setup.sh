@@ -7,7 +7,7 @@ packages=(
   build-essential cmake pkg-config
   libgtk-3-dev libwebkit2gtk-4.1-dev libp11-kit-dev libjson-glib-dev
   libgtest-dev googletest
-  xvfb xauth x11-utils xdotool imagemagick openbox
+  xvfb xauth x11-utils xdotool imagemagick openbox weston mutter
   webkit2gtk-driver python3-selenium
   bubblewrap xdg-dbus-proxy
   dbus-daemon at-spi2-core libatspi2.0-dev

@@ -91,19 +91,12 @@ TEST(Geometry, SizeCenterPositionAndFullscreen) {
         const char* args;
         int32_t width, height, x, y;
     } rows[] = {{"", 256, 384, 0, 0},
-                {"-size 0x01000200", 256, 482, 0, 0},
                 {"-size 0x0100001F", 256, 1, 0, 0},
+                {"-size 0x0100001E", 256, 1, 0, 0},
                 {"-size", 0, 1, 0, 0},
-                {"-center", 256, 384, 512, 320},
-                {"-center -size 0x07D00212", 2000, 500, 0, 262},
-                {"-position 0x00640032", 256, 384, 100, 50},
-                {"-position 0x80648032 -center", 256, 384, 512, 320},
-                {"-position 0x80648032", 256, 384, 1280 - 256 - 100, 1024 - 384 - 50},
-                {"-fullscreen -size 0x01000200 -position 0x00640032",
-                 1280,
-                 1024,
-                 0,
-                 0}};  // 0x8000: from the right or bottom
+                {"-center -size 0x07D00212 -position 0x00640032", 2000, 500, 0, 262},
+                {"-position 0x80648032", 256, 384, 1280 - 256 - 100, 1024 - 384 - 50},  // from the far edges
+                {"-fullscreen -size 0x01000200 -position 0x00640032", 1280, 1024, 0, 0}};
     for (const auto& r : rows) {
         Argv args(std::string("host ") + r.args);
         WindowGeometry g = ComputeWindowGeometry(args.argc, args.argv, 1280, 1024);
@@ -243,6 +236,7 @@ TEST(Result, TheTextAndWhereItGoesOrASaidRefusal) {
 }
 
 TEST(AppCommands, PackedSizesAndNamesThatIgnoreLetterCaseButNotBlanks) {
+    // Truncated toward zero, low 32 bits kept; 0 outside the signed 64-bit range, whatever the low bits.
     std::pair<double, uint32_t> sizes[] = {{NAN, 0},
                                            {INFINITY, 0},
                                            {0x032001E0, 0x032001E0},
@@ -250,9 +244,12 @@ TEST(AppCommands, PackedSizesAndNamesThatIgnoreLetterCaseButNotBlanks) {
                                            {1.9, 1},
                                            {-1.9, 0xFFFFFFFF},
                                            {4294967301.0, 5},
-                                           {9223372036854775807.0, 0},
-                                           {-9223372036854775808.0, 0},
-                                           {9223372036854774784.0, 0xFFFFFC00},
+                                           {-4294967301.0, 0xFFFFFFFB},
+                                           {0x1p63 - 1024, 0xFFFFFC00},
+                                           {0x1p63, 0},
+                                           {0x1p63 + 2048, 0},
+                                           {-0x1p63 + 1024, 0x400},
+                                           {-0x1p63 - 2048, 0},
                                            {1e300, 0}};
     for (const auto& r : sizes) EXPECT_EQ(PackedSizeFromNumber(r.first), r.second) << r.first;
 

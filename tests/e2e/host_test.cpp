@@ -1,5 +1,5 @@
 // The host's own side in real runs: the result file, the Application commands,
-// window options read back through X, the configured start, system places.
+// the configured start, system places.
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -112,14 +112,7 @@ TEST_F(Commands, EveryEndLeavesExactlyItsResultAndNothingBehind) {
     for (auto& host : hosts) EXPECT_EQ("", host->Leftovers());
 }
 
-TEST_F(Commands, ResizeReloadAndTheMaintenanceScripts) {
-    // [name, value, size]; "=" marks a size the window keeps.  It starts at 256 x 384.
-    HostProcess& resize =
-        Open("resize.html?" +
-             std::string("[[\"number\",52429280,\"800x480\"],[\"hexText\",\"0x01400100\",\"320x256\"],"
-                         "[\"truncated\",52429280.9,\"800x480\"],[\"fraction\",1.9,\"=800x480\"],[\"none\","
-                         "null,\"=800x480\"],"
-                         "[\"decimalText\",\"20971776\",\"320x256\"],[\"widest\",-65436,\"32767x100\"]]"));
+TEST_F(Commands, ReloadAndTheMaintenanceScripts) {
     HostProcess& reload = Open("reload_start.html");
     HostProcess& scripts = Add();
     Script(scripts.home() + "/.kvo/install", "home-install");             // install never searches
@@ -129,7 +122,6 @@ TEST_F(Commands, ResizeReloadAndTheMaintenanceScripts) {
         Script(m_cwd.file(std::string(".") + name), name);
     ASSERT_TRUE(scripts.Open("scripts.html"));
 
-    EXPECT_EQ("ok", resize.Result());
     EXPECT_EQ("ok", reload.Result());
     EXPECT_EQ("OK", scripts.Result());  // uninstall ends the dialog as an exit without texts
     EXPECT_EQ("install\nhome-repair\nhome-uninstall\n", ReadFileOr(scripts.home() + "/log"));
@@ -186,52 +178,6 @@ TEST_F(Commands, RestartRunsTheSameCommandLineUntilItsBoundAndLeavesOnlyTheLastH
 }
 
 using Windows = RealHost;
-
-TEST_F(Windows, GeometryTitleIconAndSizeHintsAsXHasThem) {
-    const std::string icon = SourceDir() + "/tests/fixtures/pages/kvo.ico";
-    struct Row {
-        std::string arguments, shape, title;
-        bool fixed;
-    } rows[] = {
-        // 400 x (330 - 30), at the left edge and 50 from the bottom (an x of 0 still moves it).
-        {"-size 0x0190014A -position 0x00008032 -title Sized -icon " + icon, "400x300+0+674", "Sized", true},
-        // As high as the screen, so only x is centred; -position is not looked at.
-        {"-position 0x00100010 -size 32769054 -center -resizing", "500x1024+390+0", "Kavori", false},
-        // An ordinary window of the screen's size, not the toolkit's full-screen state.
-        {"-size 0x0190014A -position 0x00640032 -fullscreen -wait 300000", "1280x1024+0+0", "Kavori", true}};
-    for (const Row& row : rows) Open("idle.html", Words(row.arguments));
-    for (size_t i = 0; i < hosts.size(); ++i) {
-        SCOPED_TRACE(rows[i].shape);
-        unsigned long w = hosts[i]->Window();
-        ASSERT_NE(0u, w) << hosts[i]->output();
-        EXPECT_EQ(rows[i].shape, ReadUntil([&] { return x.Shape(w); }, rows[i].shape));
-        std::string size =
-            rows[i].shape.substr(0, rows[i].shape.find('+')).replace(rows[i].shape.find('x'), 1, " by ");
-        std::string hints =
-            ReadUntil([&] { return x.Property(w, "WM_NORMAL_HINTS"); }, rows[i].fixed ? "maximum" : "");
-        EXPECT_EQ(rows[i].fixed, Has(hints, "minimum size: " + size) && Has(hints, "maximum size: " + size))
-            << hints;
-        EXPECT_EQ(rows[i].fixed, Has(hints, "maximum size")) << hints;
-        EXPECT_TRUE(Has(x.Property(w, "_NET_WM_NAME"), "= \"" + rows[i].title + "\"\n"));
-        EXPECT_FALSE(Has(x.Property(w, "_NET_WM_STATE"), "FULLSCREEN"));
-    }
-    EXPECT_TRUE(
-        Has(ReadUntil([&] { return x.Property(hosts[0]->Window(), "_NET_WM_ICON"); }, "Icon"), "16 x 16"));
-}
-
-TEST_F(Windows, SystemKeepsTheWindowAboveUnderAWindowManager) {
-    if (!FileExists("/usr/bin/openbox")) SkipTest("openbox is not installed (scripts/setup.sh installs it)");
-    ASSERT_TRUE(Add().StartArgv({"/usr/bin/openbox", "--sm-disable"}));
-    ASSERT_TRUE(Has(ReadUntil(
-                        [&] {
-                            return x.Query({"xprop", "-root", "_NET_SUPPORTING_WM_CHECK"});
-                        },
-                        "window id"),
-                    "window id"));
-    unsigned long w = Open("idle.html", {"-system"}).Window();
-    EXPECT_TRUE(
-        Has(ReadUntil([&] { return x.Property(w, "_NET_WM_STATE"); }, "ABOVE"), "_NET_WM_STATE_ABOVE"));
-}
 
 TEST_F(Windows, TheConfiguredStartGivesPagePrefixTitleAndUserAgent) {
     // Without -url the configured words follow the real command line, whose -key comes first.
