@@ -10,7 +10,8 @@
 # Each certificate's CKA_ID is its subject key identifier.  One line per
 # certificate, "<CKA_ID in hex><TAB><label>", goes to stdout and to
 # DIR/certificates, in the order the certificate dialog lists them: the
-# valid ones by label, then the expired one.
+# valid ones by label, then the expired one.  Exit code 77 (a skip to the
+# tests) when a tool is missing.
 set -euo pipefail
 dir=$(realpath "$1")
 module=/usr/lib/softhsm/libsofthsm2.so
@@ -19,9 +20,9 @@ user_pin=123456
 so_pin=12345678
 
 for tool in softhsm2-util certtool p11tool openssl; do
-  command -v "$tool" >/dev/null || { echo "$tool is missing (bash scripts/setup.sh installs it)" >&2; exit 1; }
+  command -v "$tool" >/dev/null || { echo "$tool is missing (bash scripts/setup.sh installs it)" >&2; exit 77; }
 done
-[ -e "$module" ] || { echo "$module is missing (package softhsm2)" >&2; exit 1; }
+[ -e "$module" ] || { echo "$module is missing (package softhsm2)" >&2; exit 77; }
 
 mkdir -p "$dir/tokens" "$dir/made"
 export SOFTHSM2_CONF="$dir/softhsm2.conf"
@@ -33,7 +34,13 @@ EOF
 softhsm2-util --init-token --free --label "$label" --pin "$user_pin" --so-pin "$so_pin" >/dev/null
 
 made="$dir/made"
-key() { certtool --generate-privkey --key-type ecdsa --curve secp256r1 --outfile "$made/$1.key" 2>/dev/null; }
+# key NAME: an ECDSA P-256 key, or RSA for the encryption certificate (an EC
+# key would only agree on keys, and certtool adds signing to that).
+key() {
+  local type=(--key-type ecdsa --curve secp256r1)
+  [ "$1" = crypt ] && type=(--key-type rsa --bits 2048)
+  certtool --generate-privkey "${type[@]}" --outfile "$made/$1.key" >/dev/null 2>&1
+}
 key ca
 printf 'cn = "Kavori Demo CA"\norganization = "Kavori Demo"\nca\ncert_signing_key\nexpiration_days = 3650\n' \
   > "$made/ca.tmpl"
@@ -71,7 +78,7 @@ certificate() {
 certificate auth "Authentication" key signing_key tls_www_client email_protection_key \
   "expiration_days = 730"
 certificate sign "Digital signature" key signing_key non_repudiation "expiration_days = 730"
-certificate crypt "Encryption" key key_agreement data_encipherment email_protection_key "expiration_days = 730"
+certificate crypt "Encryption" key encryption_key data_encipherment email_protection_key "expiration_days = 730"
 certificate old "Authentication 2019" none signing_key tls_www_client \
   'activation_date = "2019-01-01 00:00:00"' 'expiration_date = "2020-01-01 00:00:00"'
 cat "$dir/certificates"

@@ -140,7 +140,9 @@ shoot() {
 
 # The user PIN as the token has it now: changed once the admin dialog has
 # changed it.
-pin_now() { if grep -q "ChangePin on slot .*: CKR_OK" "$work/admin.log" 2>/dev/null; then echo "$new_pin"; else echo "$user_pin"; fi; }
+pin_now() {
+  if grep -q "ChangePin on slot .*: CKR_OK" "$work/admin.log" 2>/dev/null; then echo "$new_pin"; else echo "$user_pin"; fi
+}
 
 show_result() {
   say "The window closed. Result file $work/$1.result:"

@@ -55,7 +55,8 @@
     forms.change.form.hidden = open;
     forms.change.button.hidden = open;
     $("unblock-toggle").setAttribute("aria-expanded", String(open));
-    $("unblock-toggle").textContent = open ? "Change the PIN with the current one" : "Forgotten or locked? Use the SO PIN";
+    $("unblock-toggle").textContent =
+      open ? "Change the PIN with the current one" : "Forgotten or locked? Use the SO PIN";
   }
 
   // A locked or missing user PIN can only be set with the SO PIN.

@@ -244,17 +244,23 @@
     });
     list.appendChild(all);
     applyFilter();
-    if (current) current.element.focus();
-    else choose.disabled = true;
+    if (current) {
+      current.element.focus();
+    } else {
+      choose.disabled = true;
+      $("cancel").focus();
+    }
   }
 
   // Opened in an ordinary browser, the page lists a few pretend certificates.
   function previewApi() {
     var certificates = [
-      { id: "01", label: "Authentication", subject: "A. Person", issuer: "Preview CA", notBefore: "2024-01-01T00:00:00Z",
-        notAfter: "2034-01-01T00:00:00Z", keyUsage: ["digitalSignature"], extendedKeyUsage: ["clientAuth"] },
-      { id: "02", label: "Signature", subject: "A. Person", issuer: "Preview CA", notBefore: "2024-01-01T00:00:00Z",
-        notAfter: "2034-01-01T00:00:00Z", keyUsage: ["nonRepudiation"], extendedKeyUsage: [] },
+      { id: "01", label: "Authentication", subject: "A. Person", issuer: "Preview CA",
+        notBefore: "2024-01-01T00:00:00Z", notAfter: "2034-01-01T00:00:00Z", keyUsage: ["digitalSignature"],
+        extendedKeyUsage: ["clientAuth"] },
+      { id: "02", label: "Signature", subject: "A. Person", issuer: "Preview CA",
+        notBefore: "2024-01-01T00:00:00Z", notAfter: "2034-01-01T00:00:00Z", keyUsage: ["nonRepudiation"],
+        extendedKeyUsage: [] },
       { id: "03", label: "Old authentication", subject: "A. Person", issuer: "Preview CA",
         notBefore: "2019-01-01T00:00:00Z", notAfter: "2020-01-01T00:00:00Z", keyUsage: null, extendedKeyUsage: [] }
     ];

@@ -93,6 +93,6 @@ var KavoriDialog = (function () {
   // state first.
   function afterPaint(work) { window.setTimeout(work, 30); }
 
-  return { $: $, connect: connect, exit: exit, closed: closed, onEscape: onEscape, unavailable: unavailable, showToken: showToken,
-           triesText: triesText, show: show, afterPaint: afterPaint };
+  return { $: $, connect: connect, exit: exit, closed: closed, onEscape: onEscape, unavailable: unavailable,
+           showToken: showToken, triesText: triesText, show: show, afterPaint: afterPaint };
 })();
