@@ -9,10 +9,10 @@
 //                "count-low", "final-try", "locked", "not-initialized"),
 //                Token:MinPinLength, Token:MaxPinLength, LastResult (the
 //                name of the last Invoke's result, e.g. "CKR_PIN_INCORRECT")
-//   SetProperty  Pin, OldPin, NewPin, SoPin (kept in locked memory, wiped
-//                by the next Invoke that uses them, whatever its outcome),
-//                Slot (a slot id), Key (a token serial or label selects
-//                that token)
+//   SetProperty  Pin, OldPin, NewPin, SoPin (kept in locked memory; all
+//                four wiped by the next Login, ChangePin or UnblockPin,
+//                whatever its outcome), Slot (a slot id), Key (a token
+//                serial or label selects that token)
 //   EnumProperty ("Slot", "<n>"): the n-th token as JSON {slot, label,
 //                serial, manufacturer, model, selected}, or "" past the end
 //                ("Certificates", ""): the selected token's X.509
