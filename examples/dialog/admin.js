@@ -7,15 +7,6 @@
 "use strict";
 
 (function () {
-  var CKR_PIN_INCORRECT = 0xa0;
-  var CKR_PIN_INVALID = 0xa1;
-  var CKR_PIN_LEN_RANGE = 0xa2;
-  var CKR_PIN_LOCKED = 0xa4;
-  var CKR_DEVICE_REMOVED = 0x32;
-  var CKR_SESSION_READ_ONLY = 0xb5;
-  var CKR_TOKEN_NOT_PRESENT = 0xe0;
-  var CKR_TOKEN_WRITE_PROTECTED = 0xe2;
-
   var K = KavoriDialog;
   var $ = K.$;
   var api = K.connect(previewApi);
@@ -95,21 +86,21 @@
     if (rv === 0) {
       say("ok", f === forms.change ? "The PIN has been changed." : "The new user PIN is set.",
           "Use the new PIN from now on.", $("close"));
-    } else if (rv === CKR_PIN_INCORRECT) {
+    } else if (rv === K.CKR.PIN_INCORRECT) {
       say("error", f === forms.change ? "The current PIN is wrong." : "The SO PIN is wrong.",
           f === forms.change ? K.triesText(state) : "Please try again.", f.proof);
-    } else if (rv === CKR_PIN_LOCKED || (f === forms.change && state === "locked")) {
+    } else if (rv === K.CKR.PIN_LOCKED || (f === forms.change && state === "locked")) {
       if (f === forms.change) showUnblock(true);
       say("error", f === forms.change ? "The PIN is locked." : "The SO PIN is locked.",
           f === forms.change ? "Too many wrong PINs. Unblock it with the SO PIN." : "Ask your administrator.",
           f === forms.change ? forms.unblock.proof : $("close"));
-    } else if (rv === CKR_PIN_LEN_RANGE) {
+    } else if (rv === K.CKR.PIN_LEN_RANGE) {
       say("error", "The token does not take a new PIN of this length.", limitsText(), f.pin);
-    } else if (rv === CKR_PIN_INVALID) {
+    } else if (rv === K.CKR.PIN_INVALID) {
       say("error", "The token does not take the new PIN.", "It holds characters the token does not allow.", f.pin);
-    } else if (rv === CKR_TOKEN_WRITE_PROTECTED || rv === CKR_SESSION_READ_ONLY) {
+    } else if (rv === K.CKR.TOKEN_WRITE_PROTECTED || rv === K.CKR.SESSION_READ_ONLY) {
       say("error", "The token is write-protected.", "Its PIN cannot be changed here.", $("close"));
-    } else if (rv === CKR_TOKEN_NOT_PRESENT || rv === CKR_DEVICE_REMOVED) {
+    } else if (rv === K.CKR.TOKEN_NOT_PRESENT || rv === K.CKR.DEVICE_REMOVED) {
       say("error", "The token is not available.", "Insert it and try again.", f.proof);
     } else {
       say("error", "The token refused the change.", "It answered " + result + ".", f.proof);
@@ -191,7 +182,7 @@
         if (ok) pins.user = set.NewPin;
         set = {};
         last = ok ? "CKR_OK" : "CKR_PIN_INCORRECT";
-        return ok ? 0 : CKR_PIN_INCORRECT;
+        return ok ? 0 : K.CKR.PIN_INCORRECT;
       },
       Application: function (command, value) { document.body.setAttribute("data-result", value); }
     };

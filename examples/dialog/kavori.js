@@ -8,6 +8,12 @@
 "use strict";
 
 var KavoriDialog = (function () {
+  // The PKCS#11 codes that the pages answer in words.
+  var CKR = {
+    DEVICE_REMOVED: 0x32, PIN_INCORRECT: 0xa0, PIN_INVALID: 0xa1, PIN_LEN_RANGE: 0xa2, PIN_EXPIRED: 0xa3,
+    PIN_LOCKED: 0xa4, SESSION_READ_ONLY: 0xb5, TOKEN_NOT_PRESENT: 0xe0, TOKEN_NOT_RECOGNIZED: 0xe1,
+    TOKEN_WRITE_PROTECTED: 0xe2
+  };
   var api = null;
   var closing = false;
 
@@ -93,6 +99,6 @@ var KavoriDialog = (function () {
   // state first.
   function afterPaint(work) { window.setTimeout(work, 30); }
 
-  return { $: $, connect: connect, exit: exit, closed: closed, onEscape: onEscape, unavailable: unavailable,
+  return { CKR: CKR, $: $, connect: connect, exit: exit, closed: closed, onEscape: onEscape, unavailable: unavailable,
            showToken: showToken, triesText: triesText, show: show, afterPaint: afterPaint };
 })();

@@ -4,15 +4,6 @@
 "use strict";
 
 (function () {
-  var CKR_PIN_INCORRECT = 0xa0;
-  var CKR_PIN_INVALID = 0xa1;
-  var CKR_PIN_LEN_RANGE = 0xa2;
-  var CKR_PIN_EXPIRED = 0xa3;
-  var CKR_PIN_LOCKED = 0xa4;
-  var CKR_DEVICE_REMOVED = 0x32;
-  var CKR_TOKEN_NOT_PRESENT = 0xe0;
-  var CKR_TOKEN_NOT_RECOGNIZED = 0xe1;
-
   var K = KavoriDialog;
   var $ = K.$;
   var api = K.connect(previewApi);
@@ -114,15 +105,16 @@
       return;
     }
     var state = api.GetProperty("Token:PinState");
-    if (rv === CKR_PIN_LOCKED || state === "locked") {
+    if (rv === K.CKR.PIN_LOCKED || state === "locked") {
       closeOnly("CKR_PIN_LOCKED", "The PIN is locked.", "Too many wrong PINs. Ask your administrator to unlock it.");
-    } else if (rv === CKR_PIN_INCORRECT) {
+    } else if (rv === K.CKR.PIN_INCORRECT) {
       showError("Wrong PIN.", K.triesText(state));
-    } else if (rv === CKR_PIN_INVALID || rv === CKR_PIN_LEN_RANGE) {
+    } else if (rv === K.CKR.PIN_INVALID || rv === K.CKR.PIN_LEN_RANGE) {
       showError("The token does not accept this PIN.", "Check its length and characters.");
-    } else if (rv === CKR_PIN_EXPIRED) {
+    } else if (rv === K.CKR.PIN_EXPIRED) {
       closeOnly("CKR_PIN_EXPIRED", "The PIN has expired.", "Change it before using the token.");
-    } else if (rv === CKR_TOKEN_NOT_PRESENT || rv === CKR_DEVICE_REMOVED || rv === CKR_TOKEN_NOT_RECOGNIZED) {
+    } else if (rv === K.CKR.TOKEN_NOT_PRESENT || rv === K.CKR.DEVICE_REMOVED ||
+               rv === K.CKR.TOKEN_NOT_RECOGNIZED) {
       showError("The token is not available.", "Insert it and try again.");
     } else {
       var name = api.GetProperty("LastResult") || "code " + rv;
@@ -180,7 +172,7 @@
         var ok = entered === "123456";
         entered = "";
         state = ok ? "ok" : "count-low";
-        return ok ? 0 : CKR_PIN_INCORRECT;
+        return ok ? 0 : K.CKR.PIN_INCORRECT;
       },
       Application: function (command, result) { document.body.setAttribute("data-result", result); }
     };

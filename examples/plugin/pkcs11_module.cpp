@@ -159,41 +159,39 @@ CK_RV Pkcs11Module::GetTokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO* info) {
     return m_functions->C_GetTokenInfo(slot, info);
 }
 
-CK_RV Pkcs11Module::Login(CK_SLOT_ID slot, const SecretBuffer& pin) {
+CK_RV Pkcs11Module::InSession(CK_SLOT_ID slot, CK_FLAGS flags,
+                              const std::function<CK_RV(CK_SESSION_HANDLE)>& work) {
     if (!m_functions) return CKR_CRYPTOKI_NOT_INITIALIZED;
     CK_SESSION_HANDLE session = CK_INVALID_HANDLE;
-    CK_RV rv = m_functions->C_OpenSession(slot, CKF_SERIAL_SESSION, nullptr, nullptr, &session);
+    CK_RV rv = m_functions->C_OpenSession(slot, CKF_SERIAL_SESSION | flags, nullptr, nullptr, &session);
     if (rv != CKR_OK) return rv;
-    rv = m_functions->C_Login(session, CKU_USER, Bytes(pin), pin.size());
-    if (rv == CKR_OK) m_functions->C_Logout(session);
+    rv = work(session);
     m_functions->C_CloseSession(session);
     return rv;
+}
+
+CK_RV Pkcs11Module::Login(CK_SLOT_ID slot, const SecretBuffer& pin) {
+    return InSession(slot, 0, [&](CK_SESSION_HANDLE session) {
+        CK_RV rv = m_functions->C_Login(session, CKU_USER, Bytes(pin), pin.size());
+        if (rv == CKR_OK) m_functions->C_Logout(session);
+        return rv;
+    });
 }
 
 CK_RV Pkcs11Module::ChangePin(CK_SLOT_ID slot, const SecretBuffer& oldPin, const SecretBuffer& newPin) {
-    if (!m_functions) return CKR_CRYPTOKI_NOT_INITIALIZED;
-    CK_SESSION_HANDLE session = CK_INVALID_HANDLE;
-    CK_RV rv =
-        m_functions->C_OpenSession(slot, CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr, &session);
-    if (rv != CKR_OK) return rv;
-    rv = m_functions->C_SetPIN(session, Bytes(oldPin), oldPin.size(), Bytes(newPin), newPin.size());
-    m_functions->C_CloseSession(session);
-    return rv;
+    return InSession(slot, CKF_RW_SESSION, [&](CK_SESSION_HANDLE session) {
+        return m_functions->C_SetPIN(session, Bytes(oldPin), oldPin.size(), Bytes(newPin), newPin.size());
+    });
 }
 
 CK_RV Pkcs11Module::InitPin(CK_SLOT_ID slot, const SecretBuffer& soPin, const SecretBuffer& newPin) {
-    if (!m_functions) return CKR_CRYPTOKI_NOT_INITIALIZED;
-    CK_SESSION_HANDLE session = CK_INVALID_HANDLE;
-    CK_RV rv =
-        m_functions->C_OpenSession(slot, CKF_SERIAL_SESSION | CKF_RW_SESSION, nullptr, nullptr, &session);
-    if (rv != CKR_OK) return rv;
-    rv = m_functions->C_Login(session, CKU_SO, Bytes(soPin), soPin.size());
-    if (rv == CKR_OK) {
+    return InSession(slot, CKF_RW_SESSION, [&](CK_SESSION_HANDLE session) {
+        CK_RV rv = m_functions->C_Login(session, CKU_SO, Bytes(soPin), soPin.size());
+        if (rv != CKR_OK) return rv;
         rv = m_functions->C_InitPIN(session, Bytes(newPin), newPin.size());
         m_functions->C_Logout(session);
-    }
-    m_functions->C_CloseSession(session);
-    return rv;
+        return rv;
+    });
 }
 
 namespace {
@@ -216,19 +214,16 @@ std::string Attribute(CK_FUNCTION_LIST_PTR functions, CK_SESSION_HANDLE session,
 
 CK_RV Pkcs11Module::ListCertificates(CK_SLOT_ID slot, std::vector<CertificateObject>* certificates) {
     certificates->clear();
-    if (!m_functions) return CKR_CRYPTOKI_NOT_INITIALIZED;
-    CK_SESSION_HANDLE session = CK_INVALID_HANDLE;
-    CK_RV rv = m_functions->C_OpenSession(slot, CKF_SERIAL_SESSION, nullptr, nullptr, &session);
-    if (rv != CKR_OK) return rv;
-    CK_OBJECT_CLASS certificateClass = CKO_CERTIFICATE;
-    CK_CERTIFICATE_TYPE x509 = CKC_X_509;
-    CK_ATTRIBUTE query[] = {
-        {CKA_CLASS, &certificateClass, sizeof certificateClass},
-        {CKA_CERTIFICATE_TYPE, &x509, sizeof x509},
-    };
-    std::vector<CK_OBJECT_HANDLE> objects;
-    rv = m_functions->C_FindObjectsInit(session, query, 2);
-    if (rv == CKR_OK) {
+    return InSession(slot, 0, [&](CK_SESSION_HANDLE session) {
+        CK_OBJECT_CLASS certificateClass = CKO_CERTIFICATE;
+        CK_CERTIFICATE_TYPE x509 = CKC_X_509;
+        CK_ATTRIBUTE query[] = {
+            {CKA_CLASS, &certificateClass, sizeof certificateClass},
+            {CKA_CERTIFICATE_TYPE, &x509, sizeof x509},
+        };
+        std::vector<CK_OBJECT_HANDLE> objects;
+        CK_RV rv = m_functions->C_FindObjectsInit(session, query, 2);
+        if (rv != CKR_OK) return rv;
         CK_OBJECT_HANDLE batch[64];
         CK_ULONG found = 0;
         while (objects.size() < kMaxCertificates &&
@@ -236,15 +231,14 @@ CK_RV Pkcs11Module::ListCertificates(CK_SLOT_ID slot, std::vector<CertificateObj
             objects.insert(objects.end(), batch, batch + (found < 64 ? found : 64));
         }
         m_functions->C_FindObjectsFinal(session);
-    }
-    if (objects.size() > kMaxCertificates) objects.resize(kMaxCertificates);
-    for (CK_OBJECT_HANDLE object : objects) {
-        CertificateObject certificate;
-        certificate.id = Attribute(m_functions, session, object, CKA_ID, 1024);
-        certificate.label = Attribute(m_functions, session, object, CKA_LABEL, 1024);
-        certificate.value = Attribute(m_functions, session, object, CKA_VALUE, kMaxCertificateSize);
-        certificates->push_back(certificate);
-    }
-    m_functions->C_CloseSession(session);
-    return rv;
+        if (objects.size() > kMaxCertificates) objects.resize(kMaxCertificates);
+        for (CK_OBJECT_HANDLE object : objects) {
+            CertificateObject certificate;
+            certificate.id = Attribute(m_functions, session, object, CKA_ID, 1024);
+            certificate.label = Attribute(m_functions, session, object, CKA_LABEL, 1024);
+            certificate.value = Attribute(m_functions, session, object, CKA_VALUE, kMaxCertificateSize);
+            certificates->push_back(certificate);
+        }
+        return rv;
+    });
 }

@@ -4,6 +4,7 @@
 
 #include <p11-kit/pkcs11.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -63,6 +64,10 @@ public:
     CK_RV ListCertificates(CK_SLOT_ID slot, std::vector<CertificateObject>* certificates);
 
 private:
+    // Opens a session on slot (read-write with CKF_RW_SESSION), runs work in
+    // it and closes it again; work's result, or why no session opened.
+    CK_RV InSession(CK_SLOT_ID slot, CK_FLAGS flags, const std::function<CK_RV(CK_SESSION_HANDLE)>& work);
+
     void* m_library = nullptr;
     CK_FUNCTION_LIST_PTR m_functions = nullptr;
     bool m_initializedHere = false;
