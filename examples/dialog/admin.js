@@ -65,12 +65,12 @@
 
   // The checks that need no token: false, and the reason said, when one fails.
   function check(f) {
-    var pin = f.pin.value;
+    var pin = f.pin.value, length = K.pinLength(pin);
     if (!f.proof.value) {
       say("error", f.missing, "", f.proof);
-    } else if (token.minPinLength && pin.length < token.minPinLength) {
+    } else if (token.minPinLength && length < token.minPinLength) {
       say("error", "The new PIN is too short.", limitsText(), f.pin);
-    } else if (token.maxPinLength && pin.length > token.maxPinLength) {
+    } else if (token.maxPinLength && length > token.maxPinLength) {
       say("error", "The new PIN is too long.", limitsText(), f.pin);
     } else if (f.again.value !== pin) {
       f.again.value = "";

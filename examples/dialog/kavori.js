@@ -87,6 +87,9 @@ var KavoriDialog = (function () {
     return "Please try again.";
   }
 
+  // Tokens count a PIN's length in bytes of UTF-8, not in characters.
+  function pinLength(text) { return new TextEncoder().encode(text).length; }
+
   // A message box: an element with a .title and a .detail inside, whose role
   // (alert or status) has it read out when it changes.
   function show(box, title, detail) {
@@ -100,5 +103,5 @@ var KavoriDialog = (function () {
   function afterPaint(work) { window.setTimeout(work, 30); }
 
   return { CKR: CKR, $: $, connect: connect, exit: exit, closed: closed, onEscape: onEscape, unavailable: unavailable,
-           showToken: showToken, triesText: triesText, show: show, afterPaint: afterPaint };
+           showToken: showToken, triesText: triesText, pinLength: pinLength, show: show, afterPaint: afterPaint };
 })();

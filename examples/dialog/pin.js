@@ -135,7 +135,7 @@
       pin.focus();
       return;
     }
-    if (pin.value.length < minLength) {
+    if (K.pinLength(pin.value) < minLength) {
       // Too short never counts as a try: the token is not asked.
       showError("This PIN is too short.", "It has at least " + minLength + " characters.");
       pin.focus();
