@@ -6,13 +6,15 @@ dialog ended.  One dialog per run:
     /usr/bin/python3 tests/e2e/webdriver/webdriver_test.py [BUILD_DIR [pin|certificate|admin]]
 
 pin (the default): the demo plug-in on the token of scripts/demo-token.sh; a
-wrong PIN is said in words, Escape cancels, no PIN reaches the plug-in's log,
-and the host refuses a session unless it has both --automation and
-KAVORI_DEVELOPER=1.  certificate: the demo plug-in on that token (the second
-certificate chosen by keyboard), then 200 certificates from the scripted
-plug-in (the list scrolls, the filter narrows it).  admin: the demo plug-in
-on that token; the checks made before the call, the module's answers in
-words, a change, an unblock with the SO PIN.
+wrong PIN is said in words, Escape cancels, no PIN reaches the plug-in's log;
+a module that cannot be loaded closes the dialog with CKR_FUNCTION_FAILED;
+the host refuses a session unless it has both --automation and
+KAVORI_DEVELOPER=1.  certificate: the demo plug-in on that token and one
+more certificate, without a common name and with a label that is no UTF-8
+(the second certificate is chosen by keyboard), then 200 certificates from
+the scripted plug-in (the list scrolls, the filter narrows it).  admin: the
+demo plug-in on that token; the checks made before the call, the module's
+answers in words, a change, an unblock with the SO PIN.
 
 BUILD_DIR defaults to build/; the pin run leaves the screenshot of the
 wrong-PIN message there as webdriver-wrong-pin.png.  Exit code 77 (skipped)
@@ -140,7 +142,7 @@ class Run:
         """The element's rendered text; "" while it is not shown."""
         return self.session.execute_script(
             "var e = document.getElementById(arguments[0]);"
-            "return e && e.getClientRects().length ? e.innerText.trim() : ''", element_id)
+            "return e && e.getClientRects().length ? e.innerText.replace(/\\n+$/, '') : ''", element_id)
 
     def says(self, element_id, expected):
         """Waits until the element shows the expected text."""
@@ -211,6 +213,12 @@ def pin_dialog(run):
                         ("000000", 0)):
         run.check(f"lines with {part!r} in the plug-in's log", sum(part in line for line in lines), count)
 
+    # A module that cannot be loaded: the dialog says so, and Enter closes it.
+    run.dialog("pin.html", os.path.join(BUILD, "examples", "demo"), (420, 480),
+               {"KAVORI_DEMO_MODULE": "/nowhere/libnone.so"})
+    run.says("error", "The token software could not be loaded. /nowhere/libnone.so")
+    run.end("CKR_FUNCTION_FAILED", Keys.ENTER)
+
     # The same dialog without one of the two switches: no session, within seconds.
     args = ["-url", os.path.join(SOURCE, "examples", "dialog", "pin.html"), "-root", BUILD]
     for name, refused_env, refused_args in (
@@ -232,20 +240,24 @@ def options(run):
 
 def certificate_dialog(run):
     certificates = demo_token(run)
-    # One more, the CA's own, with a label that is no UTF-8.
-    subprocess.run(["p11tool", "--provider", SOFTHSM, "--login", "--write", "--no-mark-private",
-                    "--load-certificate", run.path("token/made/ca.pem"), "--label", b"Zone \xff CA", "--id", "ff",
-                    "pkcs11:token=Kavori%20Demo"], env=dict(run.env, GNUTLS_PIN="123456"), check=True,
-                   capture_output=True)
+    # One more, whose subject has no common name, with a label that is no UTF-8.
+    with open(run.path("zone.tmpl"), "w") as template:
+        template.write('organization = "Zone"\nexpiration_days = 30\n')
+    for command in (["certtool", "--generate-self-signed", "--load-privkey", run.path("token/made/ca.key"),
+                     "--template", run.path("zone.tmpl"), "--outfile", run.path("zone.pem")],
+                    ["p11tool", "--provider", SOFTHSM, "--login", "--write", "--no-mark-private", "--load-certificate",
+                     run.path("zone.pem"), "--label", b"Zone \xff", "--id", "ff", "pkcs11:token=Kavori%20Demo"]):
+        subprocess.run(command, env=dict(run.env, GNUTLS_PIN="123456"), check=True, capture_output=True)
     demo = os.path.join(BUILD, "examples", "demo")
     session = run.dialog("certificate.html", demo, (520, 560))
     run.wait(lambda _: run.focused() == "certificate-0", "the first certificate to have the focus")
     labels = [label for _, label in certificates]
-    run.check("the list", options(run), labels[:-1] + ["Zone \ufffd CA", labels[-1] + ", expired"])
+    run.check("the list", options(run), labels[:-1] + ["Zone \ufffd", labels[-1] + ", expired"])
     details = session.execute_script(
         "return Array.from(document.querySelectorAll('.cert-details')).map(function (d) { return d.textContent; })")
     run.check("what the second may do", details[1].split(" · ")[-1], "Signing only")
     run.check("who holds the first", details[0].split(" · ")[0], "Alice Example")
+    run.check("who holds the fourth", details[3].split(" · ")[0], "O=Zone")
     run.keys(Keys.END, Keys.ENTER)
     run.says("error", "This certificate expired on 2020-01-01. Choose another one.")
     run.keys(Keys.HOME, Keys.ARROW_DOWN)
@@ -297,8 +309,10 @@ def admin_dialog(run):
     session = run.dialog("admin.html", os.path.join(BUILD, "examples", "demo"), (440, 600),
                          {"KAVORI_DEMO_LOG": run.path("demo.log")})
     run.wait(lambda _: run.focused() == "old-pin", "the focus in the current PIN")
-    run.check("the token", [run.text(i) for i in ("token-label", "token-make", "pin-state")],
-              ["Kavori Demo", "SoftHSM v2 by SoftHSM project", "PIN in order"])
+    run.check("the token", session.execute_script(
+        "return ['token-label', 'token-make', 'pin-state'].map(function (id) {"
+        " return document.getElementById(id).textContent; })"),
+        ["Kavori Demo", "SoftHSM v2 by SoftHSM project", "PIN in order"])
 
     def change(form, proof, pin, again, says, focus):
         """Types into a form's three fields from the first, by Tab and Enter."""
