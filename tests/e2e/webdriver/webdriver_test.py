@@ -172,12 +172,13 @@ class Run:
         self.check("the result file", open(self.result).read(), expected_result)
 
     def close(self):
-        """Ends a session that has gone wrong; the failures so far, with the driver's log."""
-        if os.path.exists(self.result) or not hasattr(self, "session"):
-            return
-        self.session.quit()
-        stop(self.service)
-        print(open(self.log).read())
+        """Ends a session that has gone wrong and shows the driver's and the demo plug-in's logs."""
+        if hasattr(self, "session") and not os.path.exists(self.result):
+            self.session.quit()
+            stop(self.service)
+            print(open(self.log).read())
+        if os.path.exists(self.path("demo.log")):
+            print("demo plug-in:", open(self.path("demo.log")).read())
 
 
 def demo_token(run):
