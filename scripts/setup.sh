@@ -11,7 +11,7 @@ packages=(
   webkit2gtk-driver python3-selenium
   bubblewrap xdg-dbus-proxy
   dbus-daemon at-spi2-core libatspi2.0-dev
-  softhsm2 opensc
+  softhsm2 opensc gnutls-bin libgnutls28-dev openssl
   lintian man-db
   clang libclang-rt-14-dev clang-format
 )

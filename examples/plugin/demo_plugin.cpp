@@ -1,17 +1,33 @@
-// The demo plug-in: a real, small libkvo.so that lets the demo PIN dialog
-// talk to a PKCS#11 token (SoftHSM2 unless configured otherwise).
+// The demo plug-in: a real, small libkvo.so that lets the demo dialogs (PIN
+// entry, certificate choice, token administration) talk to a PKCS#11 token
+// (SoftHSM2 unless configured otherwise).
 //
 // Vocabulary offered to pages:
 //   GetProperty  ProductInfo, Status ("ready", "no-module", "no-token"),
 //                Module, SlotCount, Slot, Token:Label, Token:Serial,
 //                Token:Manufacturer, Token:Model, Token:PinState ("ok",
 //                "count-low", "final-try", "locked", "not-initialized"),
-//                Token:MinPinLength, Token:MaxPinLength, LastResult
-//   SetProperty  Pin (wiped after the next Login), Slot (a slot id),
-//                Key (a token serial or label selects that token)
-//   EnumProperty ("Slot", "<n>"): the n-th token as JSON, or "" past the end
-//   Invoke       Login (the module's own return code), Refresh
-// The PIN and the key never reach the log.
+//                Token:MinPinLength, Token:MaxPinLength, LastResult (the
+//                name of the last Invoke's result, e.g. "CKR_PIN_INCORRECT")
+//   SetProperty  Pin, OldPin, NewPin, SoPin (kept in locked memory; all
+//                four wiped by the next Login, ChangePin or UnblockPin,
+//                whatever its outcome), Slot (a slot id), Key (a token
+//                serial or label selects that token)
+//   EnumProperty ("Slot", "<n>"): the n-th token as JSON {slot, label,
+//                serial, manufacturer, model, selected}, or "" past the end
+//                ("Certificates", ""): the selected token's X.509
+//                certificates that need no login, as one JSON array of
+//                {id (CKA_ID in lowercase hex), label, subject, issuer
+//                (common names), notBefore, notAfter ("2024-01-31T12:00:00Z"),
+//                keyUsage (X.509 names, or null when unrestricted),
+//                extendedKeyUsage (names or dotted OIDs)}; one that cannot
+//                be read has only id, label and "unreadable": true.  "" when
+//                the token cannot be asked.
+//   Invoke       Login (Pin; C_Login as user), ChangePin (OldPin, NewPin;
+//                C_SetPIN), UnblockPin (SoPin, NewPin; C_InitPIN as SO),
+//                Refresh (list the tokens again); each gives the module's
+//                own return code
+// The PINs and the key never reach the log.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -24,6 +40,9 @@
 #include <string>
 #include <vector>
 
+#include <glib.h>
+
+#include "certificate.h"
 #include "kavori/plugin.h"
 #include "pkcs11_module.h"
 #include "secret_buffer.h"
@@ -60,9 +79,14 @@ void Log(const char* format, ...) {
     close(fd);
 }
 
+// A JSON string of text.  Token labels and certificate names may hold bytes
+// that are no UTF-8; they become U+FFFD, so that one bad name cannot make
+// the page's JSON.parse refuse the whole answer.
 std::string JsonString(const std::string& text) {
+    gchar* valid = g_utf8_make_valid(text.data(), static_cast<gssize>(text.size()));
     std::string out = "\"";
-    for (unsigned char c : text) {
+    for (const char* p = valid; *p; ++p) {
+        unsigned char c = static_cast<unsigned char>(*p);
         if (c == '"' || c == '\\') {
             out += '\\';
             out += static_cast<char>(c);
@@ -74,7 +98,36 @@ std::string JsonString(const std::string& text) {
             out += static_cast<char>(c);
         }
     }
+    g_free(valid);
     return out + "\"";
+}
+
+std::string JsonList(const std::vector<std::string>& names) {
+    std::string out = "[";
+    for (const std::string& name : names) out += (out.size() > 1 ? "," : "") + JsonString(name);
+    return out + "]";
+}
+
+std::string Hex(const std::string& bytes) {
+    static const char kDigits[] = "0123456789abcdef";
+    std::string out;
+    for (unsigned char c : bytes) {
+        out += kDigits[c >> 4];
+        out += kDigits[c & 15];
+    }
+    return out;
+}
+
+std::string CertificateJson(const CertificateObject& object) {
+    std::string json = "{\"id\":\"" + Hex(object.id) + "\",\"label\":" + JsonString(object.label);
+    CertificateInfo info;
+    if (!ReadCertificate(
+            reinterpret_cast<const unsigned char*>(object.value.data()), object.value.size(), &info))
+        return json + ",\"unreadable\":true}";
+    return json + ",\"subject\":" + JsonString(info.subject) + ",\"issuer\":" + JsonString(info.issuer) +
+           ",\"notBefore\":" + JsonString(info.notBefore) + ",\"notAfter\":" + JsonString(info.notAfter) +
+           ",\"keyUsage\":" + (info.hasKeyUsage ? JsonList(info.keyUsage) : "null") +
+           ",\"extendedKeyUsage\":" + JsonList(info.extendedKeyUsage) + "}";
 }
 
 bool ParseUnsigned(const char* text, unsigned long* value) {
@@ -87,8 +140,7 @@ bool ParseUnsigned(const char* text, unsigned long* value) {
 class DemoPlugin {
 public:
     ~DemoPlugin() {
-        m_pin.Wipe();
-        m_key.Wipe();
+        for (SecretBuffer* secret : {&m_pin, &m_oldPin, &m_newPin, &m_soPin, &m_key}) secret->Wipe();
     }
 
     char* GetProperty(const std::string& name);
@@ -104,6 +156,9 @@ private:
     const TokenEntry* Selected() const;
     bool ReadTokenInfo(CK_TOKEN_INFO* info);
     CK_RV Login();
+    CK_RV ChangePin(bool unblock);
+    std::string Certificates();
+    SecretBuffer* Secret(const std::string& name, const char** words = nullptr);
     char* Answer(const std::string& text) {
         m_answer = text;
         // A writable buffer of our own: the host may split it in place.
@@ -119,7 +174,9 @@ private:
     bool m_hasSelection = false;
     CK_SLOT_ID m_selected = 0;
     SecretBuffer m_pin;
-    bool m_pinSet = false;
+    SecretBuffer m_oldPin;
+    SecretBuffer m_newPin;
+    SecretBuffer m_soPin;
     SecretBuffer m_key;
     bool m_hasResult = false;
     CK_RV m_lastResult = CKR_OK;
@@ -222,7 +279,7 @@ bool DemoPlugin::ReadTokenInfo(CK_TOKEN_INFO* info) {
 
 char* DemoPlugin::GetProperty(const std::string& name) {
     if (name == "ProductInfo") return Answer(kProductInfo);
-    if (name == "Key" || name == "Pin") return nullptr;  // secrets are not read back
+    if (name == "Key" || Secret(name)) return nullptr;  // secrets are not read back
     Log("GetProperty %s", name.c_str());
     if (name == "LastResult") return m_hasResult ? Answer(ResultName(m_lastResult)) : nullptr;
     EnsureModule();
@@ -255,7 +312,21 @@ char* DemoPlugin::GetProperty(const std::string& name) {
     return nullptr;
 }
 
+std::string DemoPlugin::Certificates() {
+    EnsureModule();
+    const TokenEntry* token = Selected();
+    std::vector<CertificateObject> objects;
+    CK_RV rv = token ? m_module.ListCertificates(token->slot, &objects) : CKR_TOKEN_NOT_PRESENT;
+    Log("%zu certificate(s) listed: %s", objects.size(), ResultName(rv).c_str());
+    if (rv != CKR_OK) return "";
+    std::string json = "[";
+    for (const CertificateObject& object : objects)
+        json += (json.size() > 1 ? "," : "") + CertificateJson(object);
+    return json + "]";
+}
+
 char* DemoPlugin::EnumProperty(const std::string& first, const char* second) {
+    if (first == "Certificates" && second && !*second) return Answer(Certificates());
     if (first != "Slot") return nullptr;
     unsigned long index = 0;
     if (!ParseUnsigned(second, &index)) return nullptr;
@@ -270,11 +341,30 @@ char* DemoPlugin::EnumProperty(const std::string& first, const char* second) {
     return Answer(json);
 }
 
+// The PINs a page may set, with the words the log uses for them.
+SecretBuffer* DemoPlugin::Secret(const std::string& name, const char** words) {
+    struct Entry {
+        const char* name;
+        SecretBuffer* secret;
+        const char* words;
+    };
+    const Entry kSecrets[] = {{"Pin", &m_pin, "PIN"},
+                              {"OldPin", &m_oldPin, "Old PIN"},
+                              {"NewPin", &m_newPin, "New PIN"},
+                              {"SoPin", &m_soPin, "SO PIN"}};
+    for (const Entry& entry : kSecrets) {
+        if (name != entry.name) continue;
+        if (words) *words = entry.words;
+        return entry.secret;
+    }
+    return nullptr;
+}
+
 bool DemoPlugin::SetProperty(const std::string& name, const char* value) {
-    if (name == "Pin") {
-        m_pin.Set(value);
-        m_pinSet = value && *value;
-        Log(m_pinSet ? "PIN handed over" : "PIN cleared");
+    const char* words = nullptr;
+    if (SecretBuffer* secret = Secret(name, &words)) {
+        secret->Set(value);
+        Log("%s %s", words, secret->empty() && !secret->overflowed() ? "cleared" : "handed over");
         return true;
     }
     if (name == "Key") {
@@ -310,19 +400,34 @@ CK_RV DemoPlugin::Login() {
     if (!token) return CKR_TOKEN_NOT_PRESENT;
     if (m_pin.overflowed()) return CKR_PIN_LEN_RANGE;
     // Without a PIN of its own a Login would only cost the user a try.
-    if (!m_pinSet) return CKR_ARGUMENTS_BAD;
+    if (m_pin.empty()) return CKR_ARGUMENTS_BAD;
     return m_module.Login(token->slot, m_pin);
+}
+
+// C_SetPIN with the old PIN, or C_InitPIN after the SO's login (unblock).
+CK_RV DemoPlugin::ChangePin(bool unblock) {
+    EnsureModule();
+    if (!m_module.open()) return m_moduleResult;
+    const TokenEntry* token = Selected();
+    if (!token) return CKR_TOKEN_NOT_PRESENT;
+    const SecretBuffer& proof = unblock ? m_soPin : m_oldPin;
+    if (proof.overflowed() || m_newPin.overflowed()) return CKR_PIN_LEN_RANGE;
+    // A missing PIN would only cost a try (or, for C_SetPIN, mean the
+    // protected path that the demo does not offer).
+    if (proof.empty() || m_newPin.empty()) return CKR_ARGUMENTS_BAD;
+    return unblock ? m_module.InitPin(token->slot, m_soPin, m_newPin)
+                   : m_module.ChangePin(token->slot, m_oldPin, m_newPin);
 }
 
 CK_RV DemoPlugin::Invoke(const std::string& command) {
     CK_RV rv;
-    if (command == "Login") {
-        rv = Login();
-        // One PIN, one attempt: whatever happened, it is gone now.
-        m_pin.Wipe();
-        m_pinSet = false;
+    if (command == "Login" || command == "ChangePin" || command == "UnblockPin") {
+        rv = command == "Login" ? Login() : ChangePin(command == "UnblockPin");
+        // One PIN, one attempt: whatever happened, the PINs are gone now.
+        for (SecretBuffer* secret : {&m_pin, &m_oldPin, &m_newPin, &m_soPin}) secret->Wipe();
         const TokenEntry* token = Selected();
-        Log("Login on slot %lu: %s",
+        Log("%s on slot %lu: %s",
+            command.c_str(),
             token ? static_cast<unsigned long>(token->slot) : 0UL,
             ResultName(rv).c_str());
     } else if (command == "Refresh") {

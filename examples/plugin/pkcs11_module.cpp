@@ -20,6 +20,11 @@ void FinalizeAtExit() {
 
 }  // namespace
 
+// C_Login and C_SetPIN take non-const pointers but do not write through them.
+CK_UTF8CHAR_PTR Bytes(const SecretBuffer& secret) {
+    return reinterpret_cast<CK_UTF8CHAR_PTR>(const_cast<char*>(secret.data()));
+}
+
 std::string TokenText(const unsigned char* field, size_t size) {
     size_t end = size;
     while (end > 0 && (field[end - 1] == ' ' || field[end - 1] == '\0')) --end;
@@ -52,8 +57,10 @@ std::string ResultName(CK_RV rv) {
         {CKR_PIN_LOCKED, "CKR_PIN_LOCKED"},
         {CKR_SESSION_COUNT, "CKR_SESSION_COUNT"},
         {CKR_SESSION_HANDLE_INVALID, "CKR_SESSION_HANDLE_INVALID"},
+        {CKR_SESSION_READ_ONLY, "CKR_SESSION_READ_ONLY"},
         {CKR_TOKEN_NOT_PRESENT, "CKR_TOKEN_NOT_PRESENT"},
         {CKR_TOKEN_NOT_RECOGNIZED, "CKR_TOKEN_NOT_RECOGNIZED"},
+        {CKR_TOKEN_WRITE_PROTECTED, "CKR_TOKEN_WRITE_PROTECTED"},
         {CKR_USER_ALREADY_LOGGED_IN, "CKR_USER_ALREADY_LOGGED_IN"},
         {CKR_USER_NOT_LOGGED_IN, "CKR_USER_NOT_LOGGED_IN"},
         {CKR_USER_PIN_NOT_INITIALIZED, "CKR_USER_PIN_NOT_INITIALIZED"},
@@ -152,15 +159,86 @@ CK_RV Pkcs11Module::GetTokenInfo(CK_SLOT_ID slot, CK_TOKEN_INFO* info) {
     return m_functions->C_GetTokenInfo(slot, info);
 }
 
-CK_RV Pkcs11Module::Login(CK_SLOT_ID slot, const SecretBuffer& pin) {
+CK_RV Pkcs11Module::InSession(CK_SLOT_ID slot, CK_FLAGS flags,
+                              const std::function<CK_RV(CK_SESSION_HANDLE)>& work) {
     if (!m_functions) return CKR_CRYPTOKI_NOT_INITIALIZED;
     CK_SESSION_HANDLE session = CK_INVALID_HANDLE;
-    CK_RV rv = m_functions->C_OpenSession(slot, CKF_SERIAL_SESSION, nullptr, nullptr, &session);
+    CK_RV rv = m_functions->C_OpenSession(slot, CKF_SERIAL_SESSION | flags, nullptr, nullptr, &session);
     if (rv != CKR_OK) return rv;
-    // C_Login takes a non-const pointer but does not write through it.
-    auto* bytes = reinterpret_cast<CK_UTF8CHAR_PTR>(const_cast<char*>(pin.data()));
-    rv = m_functions->C_Login(session, CKU_USER, bytes, pin.size());
-    if (rv == CKR_OK) m_functions->C_Logout(session);
+    rv = work(session);
     m_functions->C_CloseSession(session);
     return rv;
+}
+
+CK_RV Pkcs11Module::Login(CK_SLOT_ID slot, const SecretBuffer& pin) {
+    return InSession(slot, 0, [&](CK_SESSION_HANDLE session) {
+        CK_RV rv = m_functions->C_Login(session, CKU_USER, Bytes(pin), pin.size());
+        if (rv == CKR_OK) m_functions->C_Logout(session);
+        return rv;
+    });
+}
+
+CK_RV Pkcs11Module::ChangePin(CK_SLOT_ID slot, const SecretBuffer& oldPin, const SecretBuffer& newPin) {
+    return InSession(slot, CKF_RW_SESSION, [&](CK_SESSION_HANDLE session) {
+        return m_functions->C_SetPIN(session, Bytes(oldPin), oldPin.size(), Bytes(newPin), newPin.size());
+    });
+}
+
+CK_RV Pkcs11Module::InitPin(CK_SLOT_ID slot, const SecretBuffer& soPin, const SecretBuffer& newPin) {
+    return InSession(slot, CKF_RW_SESSION, [&](CK_SESSION_HANDLE session) {
+        CK_RV rv = m_functions->C_Login(session, CKU_SO, Bytes(soPin), soPin.size());
+        if (rv != CKR_OK) return rv;
+        rv = m_functions->C_InitPIN(session, Bytes(newPin), newPin.size());
+        m_functions->C_Logout(session);
+        return rv;
+    });
+}
+
+namespace {
+
+// One attribute's bytes; empty when the token has none, hides it, or it is
+// longer than limit.
+std::string Attribute(CK_FUNCTION_LIST_PTR functions, CK_SESSION_HANDLE session, CK_OBJECT_HANDLE object,
+                      CK_ATTRIBUTE_TYPE type, CK_ULONG limit) {
+    CK_ATTRIBUTE attribute = {type, nullptr, 0};
+    if (functions->C_GetAttributeValue(session, object, &attribute, 1) != CKR_OK) return "";
+    if (attribute.ulValueLen == CK_UNAVAILABLE_INFORMATION || attribute.ulValueLen > limit) return "";
+    std::string value(attribute.ulValueLen, '\0');
+    attribute.pValue = &value[0];
+    if (functions->C_GetAttributeValue(session, object, &attribute, 1) != CKR_OK) return "";
+    value.resize(attribute.ulValueLen <= value.size() ? attribute.ulValueLen : 0);
+    return value;
+}
+
+}  // namespace
+
+CK_RV Pkcs11Module::ListCertificates(CK_SLOT_ID slot, std::vector<CertificateObject>* certificates) {
+    certificates->clear();
+    return InSession(slot, 0, [&](CK_SESSION_HANDLE session) {
+        CK_OBJECT_CLASS certificateClass = CKO_CERTIFICATE;
+        CK_CERTIFICATE_TYPE x509 = CKC_X_509;
+        CK_ATTRIBUTE query[] = {
+            {CKA_CLASS, &certificateClass, sizeof certificateClass},
+            {CKA_CERTIFICATE_TYPE, &x509, sizeof x509},
+        };
+        std::vector<CK_OBJECT_HANDLE> objects;
+        CK_RV rv = m_functions->C_FindObjectsInit(session, query, 2);
+        if (rv != CKR_OK) return rv;
+        CK_OBJECT_HANDLE batch[64];
+        CK_ULONG found = 0;
+        while (objects.size() < kMaxCertificates &&
+               (rv = m_functions->C_FindObjects(session, batch, 64, &found)) == CKR_OK && found > 0) {
+            objects.insert(objects.end(), batch, batch + (found < 64 ? found : 64));
+        }
+        m_functions->C_FindObjectsFinal(session);
+        if (objects.size() > kMaxCertificates) objects.resize(kMaxCertificates);
+        for (CK_OBJECT_HANDLE object : objects) {
+            CertificateObject certificate;
+            certificate.id = Attribute(m_functions, session, object, CKA_ID, 1024);
+            certificate.label = Attribute(m_functions, session, object, CKA_LABEL, 1024);
+            certificate.value = Attribute(m_functions, session, object, CKA_VALUE, kMaxCertificateSize);
+            certificates->push_back(certificate);
+        }
+        return rv;
+    });
 }

@@ -1,9 +1,10 @@
 // The PKCS#11 module that the demo plug-in drives: loaded by path, initialised
-// once, and asked only what a PIN dialog needs.
+// once, and asked only what the demo dialogs need.
 #pragma once
 
 #include <p11-kit/pkcs11.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,13 @@ struct TokenEntry {
     std::string serial;
     std::string manufacturer;
     std::string model;
+};
+
+// A certificate object as the token holds it: CKA_ID and CKA_VALUE as bytes.
+struct CertificateObject {
+    std::string id;
+    std::string label;
+    std::string value;  // DER; empty when the token gave none or more than kMaxCertificateSize
 };
 
 // Token fields are blank-padded and not terminated; this gives the text.
@@ -44,8 +52,22 @@ public:
     // Verifies the user PIN in a session of its own and logs out again: the
     // dialog proves the PIN, it does not keep the token unlocked.
     CK_RV Login(CK_SLOT_ID slot, const SecretBuffer& pin);
+    // C_SetPIN in a read-write session that is not logged in: the user PIN.
+    CK_RV ChangePin(CK_SLOT_ID slot, const SecretBuffer& oldPin, const SecretBuffer& newPin);
+    // C_InitPIN as the security officer: a new user PIN, which also unblocks a locked one.
+    CK_RV InitPin(CK_SLOT_ID slot, const SecretBuffer& soPin, const SecretBuffer& newPin);
+
+    // The X.509 certificates that can be read without a login, at most
+    // kMaxCertificates of them, in the module's order.
+    static constexpr size_t kMaxCertificates = 5000;
+    static constexpr CK_ULONG kMaxCertificateSize = 64 * 1024;
+    CK_RV ListCertificates(CK_SLOT_ID slot, std::vector<CertificateObject>* certificates);
 
 private:
+    // Opens a session on slot (read-write with CKF_RW_SESSION), runs work in
+    // it and closes it again; work's result, or why no session opened.
+    CK_RV InSession(CK_SLOT_ID slot, CK_FLAGS flags, const std::function<CK_RV(CK_SESSION_HANDLE)>& work);
+
     void* m_library = nullptr;
     CK_FUNCTION_LIST_PTR m_functions = nullptr;
     bool m_initializedHere = false;

@@ -1,11 +1,15 @@
-// The demo PIN dialog as a screen reader meets it, through AT-SPI, with the
-// web process in WebKit's sandbox: the password field by its accessible
-// name, the dialog's buttons, a PIN typed into the field focused through
-// AT-SPI, and the unlock button pressed through its action.  Run under
-// dbus-run-session (tests/e2e/CMakeLists.txt), which gives the session bus.
+// The demo dialogs as a screen reader meets them, through AT-SPI, with the
+// web process in WebKit's sandbox.  The PIN dialog: the password field by its
+// accessible name, the dialog's buttons, a PIN typed into the field focused
+// through AT-SPI, and the unlock button pressed through its action.  The
+// certificate dialog: the list and its items by name, the selection moved by
+// the keyboard, the filter narrowing the list.  Run under dbus-run-session
+// (tests/e2e/CMakeLists.txt), which gives the session bus.
 #include <atspi/atspi.h>
 
 #include <cstdlib>
+#include <string>
+#include <vector>
 
 #include "tests/e2e/e2e.h"
 
@@ -95,6 +99,78 @@ TEST_F(RealHost, ThePinDialogIsUsableThroughAtSpi) {
     EXPECT_EQ("CKR_OK", host.Result());
     for (AtspiAccessible* a : {field, cancel, unlock}) g_object_unref(a);
     g_object_unref(press);
+}
+
+bool Has(AtspiAccessible* node, AtspiStateType state) {
+    AtspiStateSet* states = atspi_accessible_get_state_set(node);
+    bool has = atspi_state_set_contains(states, state);
+    g_object_unref(states);
+    return has;
+}
+
+// The names of the list's items, in order.
+std::vector<std::string> ItemNames(AtspiAccessible* list) {
+    std::vector<std::string> names;
+    for (int i = 0; i < atspi_accessible_get_child_count(list, nullptr); ++i) {
+        AtspiAccessible* item = atspi_accessible_get_child_at_index(list, i, nullptr);
+        gchar* name = item ? atspi_accessible_get_name(item, nullptr) : nullptr;
+        names.push_back(name ? name : "<none>");
+        g_free(name);
+        if (item) g_object_unref(item);
+    }
+    return names;
+}
+
+TEST_F(RealHost, TheCertificateListIsUsableThroughAtSpi) {
+    const char* bus = getenv("DBUS_SESSION_BUS_ADDRESS");
+    if (!bus) SkipTest("no session bus: run under dbus-run-session");
+    TempDir token;
+    std::string out;
+    int made = RunProcess(
+        {"/bin/bash", SourceDir() + "/scripts/demo-token.sh", token.file("demo")}, {}, 60000, &out);
+    if (made == 77) SkipTest(out);
+    ASSERT_EQ(0, made) << out;
+    setenv("SOFTHSM2_CONF", token.file("demo/softhsm2.conf").c_str(), 1);
+    std::vector<std::string> ids, labels;
+    for (const std::string& line : ReadLines(token.file("demo/certificates"))) {
+        ids.push_back(line.substr(0, line.find('\t')));
+        labels.push_back(line.substr(line.find('\t') + 1));
+    }
+    ASSERT_EQ(4u, labels.size()) << out;
+    labels.back() += ", expired";
+    if (atspi_init() < 0) SkipTest("AT-SPI cannot start");
+    AtspiAccessible* desktop = atspi_get_desktop(0);  // the bus and registry up before the host
+    atspi_accessible_get_child_count(desktop, nullptr);
+    g_object_unref(desktop);
+    HostProcess& host = Add();
+    host.env = {std::string("DBUS_SESSION_BUS_ADDRESS=") + bus};
+    ASSERT_TRUE(host.Open(
+        "file://" + SourceDir() + "/examples/dialog/certificate.html",
+        {"-size", std::to_string((520 << 16) | (560 + 30)), "-root", BuildDir() + "/examples/demo"}));
+    AtspiAccessible* list = FindIn(host.pid(), ATSPI_ROLE_LIST_BOX, "Certificates");
+    AtspiAccessible* filter = FindIn(host.pid(), ATSPI_ROLE_ENTRY, "Filter by name");
+    ASSERT_TRUE(list && filter) << host.output();
+    EXPECT_TRUE(PollUntil([&] { return ItemNames(list) == labels; }))
+        << testing::PrintToString(ItemNames(list));
+    // The first item has the focus; Down moves it and the selection on.
+    x.Query({"xdotool", "windowfocus", "--sync", std::to_string(host.Window())});
+    AtspiAccessible* first = atspi_accessible_get_child_at_index(list, 0, nullptr);
+    AtspiAccessible* second = atspi_accessible_get_child_at_index(list, 1, nullptr);
+    ASSERT_TRUE(first && second);
+    EXPECT_TRUE(
+        PollUntil([&] { return Has(first, ATSPI_STATE_FOCUSED) && Has(first, ATSPI_STATE_SELECTED); }));
+    x.Query({"xdotool", "key", "Down"});
+    EXPECT_TRUE(
+        PollUntil([&] { return Has(second, ATSPI_STATE_FOCUSED) && Has(second, ATSPI_STATE_SELECTED); }));
+    EXPECT_FALSE(Has(first, ATSPI_STATE_SELECTED));
+    // Typed into the filter, a name leaves one item; Enter chooses it.
+    ASSERT_TRUE(atspi_component_grab_focus(atspi_accessible_get_component_iface(filter), nullptr));
+    x.Query({"xdotool", "type", "--delay", "30", "encr"});
+    EXPECT_TRUE(PollUntil([&] { return ItemNames(list) == std::vector<std::string>{labels[2]}; }))
+        << testing::PrintToString(ItemNames(list));
+    x.Query({"xdotool", "key", "Return"});
+    EXPECT_EQ(ids[2], host.Result());
+    for (AtspiAccessible* a : {list, filter, first, second}) g_object_unref(a);
 }
 
 }  // namespace
