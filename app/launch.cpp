@@ -6,6 +6,7 @@
 #include "app/host_state.h"
 #include "app/paths.h"
 #include "app/signals.h"
+#include "app/web_data.h"
 #include "bridge/bridge_server.h"
 
 namespace {
@@ -37,6 +38,7 @@ void RestartHost() {
     if (pid < 0) return;
     if (pid > 0) {
         BridgeRemoveSocketDirectory();
+        RemoveWebDataPlaces();
         _exit(0);
     }
     setsid();

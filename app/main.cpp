@@ -20,6 +20,7 @@
 #include "app/result_store.h"
 #include "app/signals.h"
 #include "app/start_url.h"
+#include "app/web_data.h"
 #include "app/web_settings.h"
 #include "app/web_view.h"
 #include "app/window.h"
@@ -87,6 +88,7 @@ int main(int argc, char** argv) {
     DisableCoreDumps();
     PreloadSanitizerRuntime();
     AvoidBusAutolaunch();
+    PrepareWebDataPlaces();
     SaveCommandLine(argc, argv);
     DropInspectorServerUnlessAutomated();
     char lazyRoot[kPathSize];

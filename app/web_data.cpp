@@ -1,0 +1,135 @@
+#include "app/web_data.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <glib.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+constexpr uint32_t kPathSize = 256;
+char g_place[kPathSize] = "";
+// The runtime directory WebKit's sandbox writes instance directories into,
+// when it is not inside the place (XDG_RUNTIME_DIR given).
+char g_runtime[kPathSize] = "";
+
+// In a base that another user owns, or may write without the sticky bit,
+// that user could swap the place for one of their own.
+bool SafeBase(const char* base) {
+    struct stat st;
+    if (!base || base[0] != '/' || stat(base, &st) != 0 || !S_ISDIR(st.st_mode)) return false;
+    if (st.st_uid != getuid() && st.st_uid != 0) return false;
+    return (st.st_mode & (S_IWGRP | S_IWOTH)) == 0 || (st.st_mode & S_ISVTX) != 0;
+}
+
+bool MakePlace() {
+    const char* bases[] = {getenv("XDG_RUNTIME_DIR"), getenv("TMPDIR"), "/tmp"};
+    for (const char* base : bases) {
+        // Room for the longest directory inside ("/config").
+        if (!SafeBase(base) || strlen(base) + strlen("/kavori-web-XXXXXX/config") >= kPathSize) continue;
+        snprintf(g_place, sizeof g_place, "%s/kavori-web-XXXXXX", base);
+        if (mkdtemp(g_place)) return true;  // mode 0700
+    }
+    g_place[0] = '\0';
+    return false;
+}
+
+// Removes name in the directory dirFd and everything below it, following no
+// symbolic link on the way: a web process may still be writing in there.
+void RemoveTree(int dirFd, const char* name, int depth) {
+    if (unlinkat(dirFd, name, 0) == 0 || errno == ENOENT || depth > 64) return;
+    int fd = openat(dirFd, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    DIR* dir = fd >= 0 ? fdopendir(fd) : nullptr;
+    if (!dir) {
+        if (fd >= 0) close(fd);
+        return;
+    }
+    while (struct dirent* entry = readdir(dir)) {
+        if (strcmp(entry->d_name, ".") != 0 && strcmp(entry->d_name, "..") != 0)
+            RemoveTree(fd, entry->d_name, depth + 1);
+    }
+    closedir(dir);
+    unlinkat(dirFd, name, AT_REMOVEDIR);
+}
+
+// webkit-<pid>-<digits>: an instance of this process's own.
+bool OwnInstance(const char* name) {
+    char prefix[32];
+    int length = snprintf(prefix, sizeof prefix, "webkit-%d-", static_cast<int>(getpid()));
+    if (strncmp(name, prefix, static_cast<size_t>(length)) != 0 || !name[length]) return false;
+    for (const char* c = name + length; *c; ++c) {
+        if (*c < '0' || *c > '9') return false;
+    }
+    return true;
+}
+
+void RemoveInstanceDirectories() {
+    int runtime = g_runtime[0] ? open(g_runtime, O_RDONLY | O_DIRECTORY | O_CLOEXEC) : -1;
+    if (runtime < 0) return;
+    int fd = openat(runtime, ".flatpak", O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    close(runtime);
+    DIR* instances = fd >= 0 ? fdopendir(fd) : nullptr;
+    if (!instances) {
+        if (fd >= 0) close(fd);
+        return;
+    }
+    while (struct dirent* entry = readdir(instances)) {
+        if (OwnInstance(entry->d_name)) RemoveTree(fd, entry->d_name, 0);
+    }
+    closedir(instances);
+}
+
+}  // namespace
+
+bool PrepareWebDataPlaces() {
+    if (g_place[0]) return true;
+    if (!MakePlace()) {
+        fprintf(stderr,
+                "kavori-host: no private directory could be made: WebKit keeps its data under HOME\n");
+        return false;
+    }
+    const char* runtime = getenv("XDG_RUNTIME_DIR");
+    if (runtime && runtime[0] == '/' && strlen(runtime) < sizeof g_runtime)
+        snprintf(g_runtime, sizeof g_runtime, "%s", runtime);
+    // GLib reads these variables once, on the first question, and keeps
+    // its answers for the whole run; the variables themselves go back.
+    const char* const variables[][2] = {{"HOME", "home"},
+                                        {"XDG_CACHE_HOME", "cache"},
+                                        {"XDG_DATA_HOME", "data"},
+                                        {"XDG_CONFIG_HOME", "config"}};
+    char* saved[4];
+    for (size_t i = 0; i < 4; ++i) {
+        saved[i] = g_strdup(getenv(variables[i][0]));
+        char path[kPathSize];
+        int written = snprintf(path, sizeof path, "%s/%s", g_place, variables[i][1]);
+        if (written > 0 && static_cast<size_t>(written) < sizeof path) setenv(variables[i][0], path, 1);
+    }
+    // webkit_web_context_add_path_to_sandbox compares with the home
+    // directory's real path, and crashes when there is none: it must exist.
+    mkdir(g_get_home_dir(), 0700);
+    g_get_user_cache_dir();
+    g_get_user_data_dir();
+    g_get_user_config_dir();
+    g_get_user_runtime_dir();
+    for (size_t i = 0; i < 4; ++i) {
+        if (saved[i])
+            setenv(variables[i][0], saved[i], 1);
+        else
+            unsetenv(variables[i][0]);
+        g_free(saved[i]);
+    }
+    atexit(RemoveWebDataPlaces);
+    return true;
+}
+
+void RemoveWebDataPlaces() {
+    RemoveInstanceDirectories();
+    if (g_place[0]) RemoveTree(AT_FDCWD, g_place, 0);
+}
