@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <glib.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -86,6 +87,54 @@ void RemoveInstanceDirectories() {
     closedir(instances);
 }
 
+// The state letter and parent of a process, from /proc/<pid>/stat (the
+// name between the parentheses may hold anything).
+bool ReadStat(pid_t pid, char* name, size_t size, char* state, pid_t* parent) {
+    char path[64], text[512];
+    snprintf(path, sizeof path, "/proc/%d/stat", static_cast<int>(pid));
+    FILE* file = fopen(path, "re");
+    size_t length = file ? fread(text, 1, sizeof text - 1, file) : 0;
+    if (file) fclose(file);
+    text[length] = '\0';
+    char *open = strchr(text, '('), *close = strrchr(text, ')');
+    int parentNumber = 0;
+    if (!open || !close || close < open || sscanf(close + 1, " %c %d", state, &parentNumber) != 2)
+        return false;
+    snprintf(name, size, "%.*s", static_cast<int>(close - open - 1), open + 1);
+    *parent = parentNumber;
+    return true;
+}
+
+// WebKit's processes (its network process, the bubblewrap sandboxes of the
+// web processes) end only after the host, and the network process writes a
+// page's storage as it goes: they are ended first, and waited for (for a
+// second at most), so that nothing is written into the place once it is gone.
+void EndWebKitProcesses() {
+    pid_t ended[64];
+    size_t count = 0;
+    DIR* proc = opendir("/proc");
+    while (struct dirent* entry = proc ? readdir(proc) : nullptr) {
+        pid_t pid = static_cast<pid_t>(atoi(entry->d_name)), parent = 0;
+        char name[32], state = 0;
+        if (pid <= 0 || count == 64 || !ReadStat(pid, name, sizeof name, &state, &parent) ||
+            parent != getpid() || (strncmp(name, "WebKit", 6) != 0 && strcmp(name, "bwrap") != 0)) {
+            continue;
+        }
+        if (kill(pid, SIGKILL) == 0) ended[count++] = pid;
+    }
+    if (proc) closedir(proc);
+    for (int wait = 0; wait < 100; ++wait) {
+        size_t alive = 0;
+        for (size_t i = 0; i < count; ++i) {
+            char name[32], state = 0;
+            pid_t parent = 0;
+            alive += ReadStat(ended[i], name, sizeof name, &state, &parent) && state != 'Z';
+        }
+        if (!alive) break;
+        usleep(10000);
+    }
+}
+
 }  // namespace
 
 bool PrepareWebDataPlaces() {
@@ -130,6 +179,7 @@ bool PrepareWebDataPlaces() {
 }
 
 void RemoveWebDataPlaces() {
+    EndWebKitProcesses();
     RemoveInstanceDirectories();
     if (g_place[0]) RemoveTree(AT_FDCWD, g_place, 0);
 }

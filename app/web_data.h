@@ -18,8 +18,9 @@
 // gtk_init); the place goes at exit.  False, after one line on stderr, when
 // no place could be made: GLib then follows HOME as usual.
 bool PrepareWebDataPlaces();
-// Removes the private place and the instance directories that WebKit's
-// sandbox made in the runtime directory for this process's web processes
+// Ends WebKit's processes of this host, then removes the private place and
+// the instance directories that WebKit's sandbox made in the runtime
+// directory for this process's web processes
 // (.flatpak/webkit-<pid>-<n>; the shared .flatpak and webkitgtk stay).
 // Called at exit; an end that skips the exit handlers (restart) calls it
 // itself.
