@@ -164,11 +164,7 @@ std::string HostProcess::LastSet(const std::string& name) const {
 }
 
 std::vector<std::string> HostProcess::SocketDirectories() const {
-    std::vector<std::string> found;
-    for (const std::string& d : Glob(dir() + "/kavori-*")) {
-        if (d.find("/kavori-web-") == std::string::npos) found.push_back(d);
-    }
-    return found;
+    return Glob(dir() + "/kavori-??????");  // mkdtemp's six characters
 }
 
 std::string HostProcess::Leftovers(int timeoutMs) const {
