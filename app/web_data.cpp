@@ -109,6 +109,7 @@ bool ReadStat(pid_t pid, char* name, size_t size, char* state, pid_t* parent) {
 // web processes) end only after the host, and the network process writes a
 // page's storage as it goes: they are ended first, and waited for (for a
 // second at most), so that nothing is written into the place once it is gone.
+// Needed while WebKit leaves its processes to end on their own.
 void EndWebKitProcesses() {
     pid_t ended[64];
     size_t count = 0;

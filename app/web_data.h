@@ -7,6 +7,8 @@
 // accessibility bus listens.  A HOME that is missing, empty, relative or a
 // file crashes WebKit outright.  With GLib pointed at a private place for
 // the whole run, the web process sees nothing of HOME, whatever HOME is.
+// (WebKitGTK 2.50; this can go once WebKit's sandbox binds only what the
+// web context names and copes with any HOME.)
 #pragma once
 
 // Makes the private place (kavori-web-XXXXXX, mode 0700, under
