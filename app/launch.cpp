@@ -15,6 +15,7 @@
 #include "app/paths.h"
 #include "app/result_store.h"
 #include "app/signals.h"
+#include "app/web_data.h"
 #include "bridge/bridge_server.h"
 
 namespace {
@@ -100,6 +101,7 @@ void RestartHost() {
     if (pid < 0) return;
     if (pid > 0) {
         BridgeRemoveSocketDirectory();
+        RemoveWebDataPlaces();
         _exit(0);
     }
     EnterOwnSession();

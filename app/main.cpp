@@ -21,6 +21,7 @@
 #include "app/result_store.h"
 #include "app/signals.h"
 #include "app/start_url.h"
+#include "app/web_data.h"
 #include "app/web_settings.h"
 #include "app/web_view.h"
 #include "app/window.h"
@@ -113,6 +114,9 @@ int main(int argc, char** argv) {
     inUse[count] = nullptr;
     char** vector = inUse;
     int gtkCount = count;
+    // Only a page to show needs WebKit, and with it the private places,
+    // which GLib must know before the toolkit asks it for any.
+    if (HasOption(count, inUse, "-url") && !HasOption(count, inUse, "-test")) PrepareWebDataPlaces();
 
     ChooseDisplayBackend();
     if (!gtk_init_check(&gtkCount, &vector)) {

@@ -1,15 +1,12 @@
 #include "bridge/bridge_server.h"
 
-#include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
 #include <glib-unix.h>
 #include <glib.h>
 #include <sched.h>
-#include <sys/file.h>
 #include <sys/random.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -17,6 +14,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <vector>
+
+#include "bridge/private_directory.h"
 
 namespace {
 
@@ -279,77 +278,13 @@ gboolean OnConnection(gint fd, GIOCondition, gpointer) {
     return G_SOURCE_CONTINUE;
 }
 
-// In a base that another user owns, or may write without the sticky bit,
-// that user could swap our directory for one of its own and listen there.
-bool SafeBase(const char* base) {
-    struct stat st;
-    if (stat(base, &st) != 0 || !S_ISDIR(st.st_mode)) return false;
-    if (st.st_uid != getuid() && st.st_uid != 0) return false;
-    return (st.st_mode & (S_IWGRP | S_IWOTH)) == 0 || (st.st_mode & S_ISVTX) != 0;
-}
-
-constexpr char kPrefix[] = "kavori-";
-constexpr size_t kNameLength = sizeof kPrefix - 1 + 6;  // mkdtemp's XXXXXX
-
-// A host of this user that could not remove its directory (SIGKILL, a
-// crash) left it unlocked: it goes, socket and all.  Another user's
-// directories and symlinks are not touched.
-void RemoveAbandonedDirectories(const char* base) {
-    DIR* listing = opendir(base);
-    if (!listing) return;
-    int baseFd = dirfd(listing);
-    while (struct dirent* entry = readdir(listing)) {
-        if (strncmp(entry->d_name, kPrefix, sizeof kPrefix - 1) != 0 ||
-            strlen(entry->d_name) != kNameLength) {
-            continue;
-        }
-        int fd = openat(baseFd, entry->d_name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-        if (fd < 0) continue;
-        struct stat st;
-        if (fstat(fd, &st) == 0 && st.st_uid == getuid() && flock(fd, LOCK_EX | LOCK_NB) == 0) {
-            unlinkat(fd, "bridge", 0);
-            unlinkat(baseFd, entry->d_name, AT_REMOVEDIR);
-        }
-        close(fd);
-    }
-    closedir(listing);
-}
-
-// mkdtemp, then the lock.  Between the two another host may take the new
-// directory for abandoned and remove it: then it is made anew.
-bool MakeLockedDirectory(const std::string& pattern) {
-    for (int attempt = 0; attempt < 4; ++attempt) {
-        std::vector<char> buffer(pattern.begin(), pattern.end());
-        buffer.push_back('\0');
-        if (!mkdtemp(buffer.data())) return false;  // mkdtemp makes it 0700
-        int fd = open(buffer.data(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-        if (fd < 0) {
-            rmdir(buffer.data());
-            return false;
-        }
-        struct stat held, named;
-        if (flock(fd, LOCK_EX | LOCK_NB) == 0 && fstat(fd, &held) == 0 && lstat(buffer.data(), &named) == 0 &&
-            held.st_dev == named.st_dev && held.st_ino == named.st_ino) {
-            g_directoryFd = fd;
-            *g_directory = buffer.data();
-            return true;
-        }
-        close(fd);  // the other host removes it
-    }
-    return false;
-}
-
+// The socket's path must fit sun_path: a base too deep is passed over.
 bool MakeDirectory() {
-    const char* bases[] = {getenv("XDG_RUNTIME_DIR"), getenv("TMPDIR"), "/tmp"};
-    for (const char* base : bases) {
-        if (!base || base[0] != '/' || !SafeBase(base)) continue;
-        std::string pattern = std::string(base) + "/" + kPrefix + "XXXXXX";
-        // The socket's path must fit sun_path; a deep base is skipped.
-        if (pattern.size() + strlen("/bridge") >= sizeof(g_socketPathRaw)) continue;
-        RemoveAbandonedDirectories(base);
-        if (MakeLockedDirectory(pattern)) return true;
-    }
-    return false;
+    char path[sizeof g_directoryRaw];
+    g_directoryFd = MakePrivateDirectory("kavori-", strlen("/bridge"), path, sizeof path, nullptr);
+    if (g_directoryFd < 0) return false;
+    *g_directory = path;
+    return true;
 }
 
 }  // namespace

@@ -1,7 +1,7 @@
 // What a careless page, a framed page or a hostile environment tries
 // against a real host: script that runs on after exit, a signal during
 // start-up, frames of a trusted origin that are not what their URL says,
-// the clipboard, and WebKit's sandbox keeping the web process out of HOME.
+// and the clipboard.
 #include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
@@ -44,38 +44,6 @@ TEST_F(Hardening, KavoriOnlyForDocumentsWhoseOriginAndAncestorsAreTrusted) {
     EXPECT_TRUE(Has(ReadUntil([&] { return sandboxed.output(); }, "refused"),
                     "refused navigation to " + site + "sandboxed.html?csp"));
     EXPECT_EQ("<none>", sandboxed.LastSet("Served"));
-}
-
-TEST_F(Hardening, TheWebProcessSeesNoHomeInTheSandboxAndWithoutBubblewrapTheDialogStillRuns) {
-    HostProcess& boxed = Open("idle.html");
-    HostProcess& open = Add();  // bubblewrap replaced by /bin/false in a private mount namespace
-    ASSERT_TRUE(open.StartArgv({"/usr/bin/unshare",
-                                "-m",
-                                "--propagation",
-                                "private",
-                                "/bin/sh",
-                                "-c",
-                                "mount --bind /bin/false /usr/bin/bwrap 2>/dev/null || exit 77; exec \"$@\"",
-                                "sh",
-                                HostBinary(),
-                                "-url",
-                                PageUrl("idle.html"),
-                                "-root",
-                                PluginDir("recording")}));
-    for (HostProcess* host : {&boxed, &open}) {
-        PutFile(host->home() + "/marker", "");
-        ASSERT_TRUE(PollUntil([&] {
-            return !host->Running() ||
-                   host->WaitForRecord("SetProperty Seen=" + PageUrl("idle.html"), 1, 100);
-        }));
-        if (host == &open && !open.Running()) SkipTest("no private mount namespace to hide bubblewrap in");
-        std::vector<pid_t> web = WebProcessesOf(host->pid());
-        ASSERT_EQ(1u, web.size()) << host->output();
-        EXPECT_TRUE(FileExists("/proc/" + std::to_string(host->pid()) + "/root" + host->home() + "/marker"));
-        EXPECT_EQ(host == &open,
-                  FileExists("/proc/" + std::to_string(web[0]) + "/root" + host->home() + "/marker"));
-        EXPECT_EQ(host == &open, Has(host->output(), "run without WebKit's sandbox")) << host->output();
-    }
 }
 
 // The PIN's bytes are wiped from every buffer of the host that carried them

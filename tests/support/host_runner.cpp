@@ -8,7 +8,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 
@@ -118,6 +117,7 @@ bool HostProcess::Open(const std::string& page, const std::vector<std::string>& 
         binary, "-url", page.find("://") == std::string::npos ? PageUrl(page) : page};
     argv.insert(argv.end(), extra.begin(), extra.end());
     argv.insert(argv.end(), {"-root", PluginDir("recording"), "-store", storePath()});
+    argv.insert(argv.begin(), wrapper.begin(), wrapper.end());
     return StartArgv(argv);
 }
 
@@ -163,15 +163,20 @@ std::string HostProcess::LastSet(const std::string& name) const {
     return value;
 }
 
-std::vector<std::string> HostProcess::SocketDirectories() const { return Glob(dir() + "/kavori-*"); }
+std::vector<std::string> HostProcess::SocketDirectories() const {
+    return Glob(dir() + "/kavori-??????");  // mkdtemp's six characters
+}
 
 std::string HostProcess::Leftovers(int timeoutMs) const {
     std::string left;
     PollUntil(
         [&] {
             left.clear();
-            for (const std::string& d : SocketDirectories()) left += d + " ";
-            for (pid_t pid : ProcessesWithEnv("XDG_RUNTIME_DIR=" + dir())) left += ProgramOf(pid) + " ";
+            for (const char* pattern : {"/kavori-*", "/.flatpak/*", "/webkitgtk/*"}) {
+                for (const std::string& d : Glob(dir() + pattern)) left += d + " ";
+            }
+            for (pid_t pid : ProcessesWithEnv("KVO_TEST_RECORD=" + recordPath()))
+                left += ProgramOf(pid) + " ";
             return left.empty();
         },
         timeoutMs);
@@ -195,21 +200,14 @@ std::string ProgramOf(pid_t pid) {
 }
 
 std::vector<pid_t> WebProcessesOf(pid_t host) {
-    // In WebKit's sandbox a web process is bubblewrap's child, not the host's.
-    std::vector<pid_t> family = {host}, found;
-    std::vector<std::pair<pid_t, pid_t>> parents;  // (pid, parent)
-    for (const std::string& process : Glob("/proc/[0-9]*")) {
-        // The parent follows the state after the name's closing parenthesis.
-        std::string stat = ReadFileOr(process + "/stat");
-        parents.push_back(
-            {atoi(process.c_str() + 6), atoi(stat.c_str() + std::min(stat.rfind(')') + 4, stat.size()))});
-    }
-    for (size_t i = 0; i < family.size(); ++i) {
-        for (const auto& p : parents) {
-            if (p.second != family[i]) continue;
-            family.push_back(p.first);
-            if (ProgramOf(p.first) == "WebKitWebProcess") found.push_back(p.first);
-        }
+    // In WebKit's sandbox a web process is bubblewrap's child, not the host's: it is known by the
+    // environment it has from the host (its own KVO_TEST_RECORD).
+    std::string environ = ReadFileOr("/proc/" + std::to_string(host) + "/environ");
+    size_t at = environ.find("KVO_TEST_RECORD=");
+    std::vector<pid_t> found;
+    if (at == std::string::npos) return found;
+    for (pid_t pid : ProcessesWithEnv(environ.substr(at, environ.find('\0', at) - at))) {
+        if (ProgramOf(pid) == "WebKitWebProcess") found.push_back(pid);
     }
     return found;
 }

@@ -50,6 +50,7 @@ public:
 
     std::vector<std::string> env;       // extra entries for the start ("NAME=value"; "NAME" unsets)
     std::string binary = HostBinary();  // the host Open starts
+    std::vector<std::string> wrapper;   // Open runs the host through it ("unshare", ...)
     // The host on page (in tests/fixtures/pages, or a URL), the extra
     // arguments, then -root (the recording plug-in) and -store storePath(),
     // which extra may give first: the first occurrence counts.
@@ -71,9 +72,10 @@ public:
     std::vector<std::string> Record() const { return ReadLines(recordPath()); }
     bool WaitForRecord(const std::string& line, int count = 1, int timeoutMs = 30000) const;  // count times
     std::string LastSet(const std::string& name) const;  // the last "SetProperty name=" value, or "<none>"
-    std::vector<std::string> SocketDirectories() const;  // kavori-* in dir()
-    // Waits until no socket directory and no process carrying this run's
-    // XDG_RUNTIME_DIR is left: "", else what is left.
+    std::vector<std::string> SocketDirectories() const;  // the bridge's kavori-* in dir()
+    // Waits until nothing of the host's is left in dir() (its directories,
+    // WebKit's instance directories and proxy sockets) and no process
+    // carrying this run's KVO_TEST_RECORD: "", else what is left.
     std::string Leftovers(int timeoutMs = 10000) const;
 
 private:
@@ -84,6 +86,6 @@ private:
 
 std::vector<pid_t> ProcessesWithEnv(const std::string& entry);  // live ones, exactly this entry
 std::string ProgramOf(pid_t pid);               // argv[0]'s last component; "" once gone (or a zombie)
-std::vector<pid_t> WebProcessesOf(pid_t host);  // its live WebKitWebProcess descendants
+std::vector<pid_t> WebProcessesOf(pid_t host);  // the live web processes of its run
 
 }  // namespace kvotest
