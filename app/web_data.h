@@ -17,10 +17,10 @@
 // GLib's runtime directory falls inside it too.  The environment stays as
 // the caller gave it, so processes the host starts see the caller's HOME.
 // Must come before anything asks GLib for these directories (before
-// gtk_init); the place goes at exit.  The place is locked for the run: one
-// that an earlier host left (SIGKILL, a crash) goes when the next is made,
-// with its web processes' instance directories.  False, after one line on stderr, when
-// no place could be made: GLib then follows HOME as usual.
+// gtk_init); the place goes at exit.  It is locked for the run: one that
+// an earlier host left (SIGKILL, a crash) goes when the next is made, with
+// its web processes' instance directories.  False, after one line on
+// stderr, when no place could be made: GLib then follows HOME as usual.
 bool PrepareWebDataPlaces();
 // Ends WebKit's processes of this host, then removes the private place and
 // the instance directories that WebKit's sandbox made in the runtime
