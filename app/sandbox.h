@@ -7,9 +7,8 @@
 
 typedef struct _WebKitWebContext WebKitWebContext;
 
-// Whether bubblewrap runs here: the programs WebKit uses exist (the D-Bus
-// proxy only matters with a session bus), and a trial run in fresh
-// namespaces succeeds.
+// Whether bubblewrap runs here: the programs WebKit uses exist, and a trial
+// run in fresh namespaces succeeds.
 bool SandboxUsable();
 // Turns the sandbox on for the context when usable, with the bridge's
 // directory (where the web extension connects) added to it.  Must come

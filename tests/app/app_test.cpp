@@ -320,13 +320,11 @@ TEST_F(Places, PathsInTheirOrder) {
 
 TEST_F(Places, TheSandboxOnlyWhereBubblewrapRuns) {
     const std::string bwrap = system + "/usr/bin/bwrap", proxy = system + "/usr/bin/xdg-dbus-proxy";
-    setenv("DBUS_SESSION_BUS_ADDRESS", "disabled:", 1);  // no bus: no proxy needed
+    setenv("DBUS_SESSION_BUS_ADDRESS", "disabled:", 1);  // no bus, and still WebKit starts its proxy
     EXPECT_FALSE(SandboxUsable());
     PutFile(bwrap, "#!/bin/sh\nexit 1\n", 0755);  // no namespaces to be had
     EXPECT_FALSE(SandboxUsable());
     PutFile(bwrap, "#!/bin/sh\n[ \"$1\" = --unshare-all ] && exec \"$6\"\n", 0755);
-    EXPECT_TRUE(SandboxUsable());
-    setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nowhere", 1);
     EXPECT_FALSE(SandboxUsable());
     PutFile(proxy, "", 0755);
     EXPECT_TRUE(SandboxUsable());
