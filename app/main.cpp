@@ -18,6 +18,7 @@
 #include "app/options.h"
 #include "app/paths.h"
 #include "app/result_store.h"
+#include "app/sandbox.h"
 #include "app/signals.h"
 #include "app/start_url.h"
 #include "app/web_settings.h"
@@ -87,6 +88,7 @@ int main(int argc, char** argv) {
     DisableCoreDumps();
     PreloadSanitizerRuntime();
     AvoidBusAutolaunch();
+    StartSandboxProbe();  // runs while the toolkit starts
     SaveCommandLine(argc, argv);
     DropInspectorServerUnlessAutomated();
     char lazyRoot[kPathSize];

@@ -7,6 +7,11 @@
 
 typedef struct _WebKitWebContext WebKitWebContext;
 
+// Starts the trial run of bubblewrap in the background, so that its cost
+// (namespaces made and torn down, tens of milliseconds on a busy machine)
+// overlaps the toolkit's start instead of delaying the first page.  Call
+// once, early; SandboxUsable then waits for this run instead of making one.
+void StartSandboxProbe();
 // Whether bubblewrap runs here: the programs WebKit uses exist, and a trial
 // run in fresh namespaces succeeds.
 bool SandboxUsable();
