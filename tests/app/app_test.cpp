@@ -165,7 +165,8 @@ TEST(Result, OnlyWhereTheCallerMeantIt) {
     if (reader == 0) _exit(ReadFileOr(dir.file("fifo")) == "R" ? 0 : 1);
     int saved = dup(2), err = open(dir.file("err").c_str(), O_WRONLY | O_CREAT, 0600);
     dup2(err, 2);
-    for (const char* name : {"link", "theirs", "mine", "new", "fifo"}) StoreResult(dir.file(name).c_str());
+    for (const char* name : {"link", "theirs", "mine", "new", "fifo", "absent/new"})
+        StoreResult(dir.file(name).c_str());
     StoreResult("/dev/full");
     dup2(saved, 2);
     int status = -1;
@@ -179,10 +180,10 @@ TEST(Result, OnlyWhereTheCallerMeantIt) {
     EXPECT_EQ(stat(dir.file("new").c_str(), &st) == 0 ? st.st_mode & 0777 : 0, 0600u);
     EXPECT_EQ(stat(dir.file("mine").c_str(), &st) == 0 ? st.st_mode & 0777 : 0, 0640u);
     std::vector<std::string> said = ReadLines(dir.file("err"));
-    EXPECT_EQ(said.size(), other ? 3u : 2u);  // link, theirs (as root), /dev/full
+    EXPECT_EQ(said.size(), other ? 4u : 3u);  // link, theirs (as root), absent/, /dev/full
     EXPECT_EQ(said.back(), "kavori-host: the result was not stored in /dev/full: No space left on device");
     EXPECT_EQ(RunProcess({"/bin/sh", "-c", "ls " + dir.path() + " | wc -l"}, {}, 5000, &said.back()), 0);
-    EXPECT_EQ(said.back(), "7\n");  // no temporary file left behind
+    EXPECT_EQ(said.back(), "7\n");  // no temporary file left behind, no directory made
 }
 
 TEST(AppCommands, PackedSizesAndNamesThatIgnoreLetterCaseButNotBlanks) {
