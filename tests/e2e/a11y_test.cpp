@@ -57,14 +57,12 @@ TEST_F(RealHost, ThePinDialogIsUsableThroughAtSpi) {
     if (!bus) SkipTest("no session bus: run under dbus-run-session");
     TempDir token;
     MakeSoftToken(token);
-    // dbus-run-session starts the accessibility bus with the daemon's own
-    // environment, which puts its socket at ~/.cache/at-spi/bus: two runs at once
-    // (two suites side by side) take each other's socket, and a host reaches the
-    // other run's bus, or one that is gone.  This run's bus gets a directory of its own.
+    // dbus-run-session starts the accessibility bus with its own environment, which puts the
+    // socket at ~/.cache/at-spi/bus: two runs at once (two suites side by side) take each
+    // other's socket.  This run's bus gets a directory of its own.
     TempDir runtime;
-    ASSERT_EQ(
-        0,
-        RunProcess({"dbus-update-activation-environment", "XDG_RUNTIME_DIR=" + runtime.path()}, {}, 10000));
+    const std::string activation = "XDG_RUNTIME_DIR=" + runtime.path();
+    ASSERT_EQ(0, RunProcess({"dbus-update-activation-environment", activation}, {}, 10000));
     if (atspi_init() < 0) SkipTest("AT-SPI cannot start");
     HostProcess& host = Add();
     host.env = {std::string("DBUS_SESSION_BUS_ADDRESS=") + bus};
