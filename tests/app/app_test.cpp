@@ -71,12 +71,9 @@ TEST(Geometry, SizeCenterPositionAndFullscreen) {
                 {"-center -size 0x07D00212", 2000, 500, 0, 262},
                 {"-position 0x00640032", 256, 384, 100, 50},
                 {"-position 0x80648032 -center", 256, 384, 512, 320},
+                // 0x8000 in a half: from the right or bottom
                 {"-position 0x80648032", 256, 384, 1280 - 256 - 100, 1024 - 384 - 50},
-                {"-fullscreen -size 0x01000200 -position 0x00640032",
-                 1280,
-                 1024,
-                 0,
-                 0}};  // 0x8000: from the right or bottom
+                {"-fullscreen -size 0x01000200 -position 0x00640032", 1280, 1024, 0, 0}};
     for (const auto& r : rows) {
         Argv args(std::string("host ") + r.args);
         WindowGeometry g = ComputeWindowGeometry(args.argc, args.argv, 1280, 1024);
@@ -358,19 +355,13 @@ TEST_F(Places, UserAgentFromWebKitsTheProductVersionAndTheSystemsDescriptionAndW
         // issue "-": none
         {"Agent", "Name;x;6.7.2,", "-", 256, "Agent Kavori/6.7"},
         {"Agent", "Name;x 06070002", ubuntu, 256, ""},
-        {"A",
-         "N;x;06,",
-         "Debian GNU/Linux 9\n",
-         256,
-         "A Kavori/6. Debian GNU/Linux/9\n"},  // cut before a second dot only
+        // cut before a second dot only
+        {"A", "N;x;06,", "Debian GNU/Linux 9\n", 256, "A Kavori/6. Debian GNU/Linux/9\n"},
         {a127, "N;x;0607,", ubuntu, 192, a127 + tail},
         {a127 + "a", "N;x;0607,", ubuntu, 192, ""},  // agent + 64 < size
         {"A", std::string(100, 'n') + ";x;0607" + std::string(146, '0') + ",", ubuntu, 256, "A" + tail},
-        {"A",
-         std::string(100, 'n') + ";x;0607" + std::string(147, '0') + ",",
-         ubuntu,
-         256,
-         ""},  // the name counts
+        // the name counts
+        {"A", std::string(100, 'n') + ";x;0607" + std::string(147, '0') + ",", ubuntu, 256, ""},
         {a191, "N;x;0607,", std::string(60, 'd'), 256, a191 + " Kavori/6.7 " + std::string(52, 'd')}};
     for (const auto& r : rows) {
         r.issue == "-" ? (void)unlink(issue.c_str()) : (void)PutFile(issue, r.issue);
