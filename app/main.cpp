@@ -19,6 +19,7 @@
 #include "app/options.h"
 #include "app/paths.h"
 #include "app/result_store.h"
+#include "app/sandbox.h"
 #include "app/signals.h"
 #include "app/start_url.h"
 #include "app/web_data.h"
@@ -114,9 +115,13 @@ int main(int argc, char** argv) {
     inUse[count] = nullptr;
     char** vector = inUse;
     int gtkCount = count;
-    // Only a page to show needs WebKit, and with it the private places,
-    // which GLib must know before the toolkit asks it for any.
-    if (HasOption(count, inUse, "-url") && !HasOption(count, inUse, "-test")) PrepareWebDataPlaces();
+    // Only a page to show needs WebKit, and with it the sandbox's trial run
+    // (it runs while the toolkit starts) and the private places, which GLib
+    // must know before the toolkit asks it for any.
+    if (HasOption(count, inUse, "-url") && !HasOption(count, inUse, "-test")) {
+        StartSandboxProbe();
+        PrepareWebDataPlaces();
+    }
 
     ChooseDisplayBackend();
     if (!gtk_init_check(&gtkCount, &vector)) {

@@ -1,18 +1,21 @@
 #include "app/sandbox.h"
 
+#include <sys/wait.h>
 #include <unistd.h>
 #include <webkit2/webkit2.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 
 #include "native/system_places.h"
 
-bool SandboxUsable() {
-    if (access(SystemPath(PLACE_BWRAP), X_OK) != 0) return false;
-    const char* bus = getenv("DBUS_SESSION_BUS_ADDRESS");
-    bool busless = bus && g_str_has_prefix(bus, "disabled:");
-    if (!busless && access(SystemPath(PLACE_DBUS_PROXY), X_OK) != 0) return false;
+namespace {
+
+// The trial run started by StartSandboxProbe, 0 when none is under way.
+GPid g_probe = 0;
+
+bool SpawnProbe(GPid* pid) {
     // The namespaces WebKit asks for; a kernel or container that refuses
     // them makes every web process fail to start.
     const char* argv[] = {SystemPath(PLACE_BWRAP),
@@ -23,20 +26,43 @@ bool SandboxUsable() {
                           "/",
                           "/bin/true",
                           nullptr};
-    gint status = -1;
-    if (!g_spawn_sync(nullptr,
-                      const_cast<gchar**>(argv),
-                      nullptr,
-                      GSpawnFlags(G_SPAWN_STDOUT_TO_DEV_NULL | G_SPAWN_STDERR_TO_DEV_NULL),
-                      nullptr,
-                      nullptr,
-                      nullptr,
-                      nullptr,
-                      &status,
-                      nullptr)) {
+    return g_spawn_async(
+        nullptr,
+        const_cast<gchar**>(argv),
+        nullptr,
+        GSpawnFlags(G_SPAWN_DO_NOT_REAP_CHILD | G_SPAWN_STDOUT_TO_DEV_NULL | G_SPAWN_STDERR_TO_DEV_NULL),
+        nullptr,
+        nullptr,
+        pid,
+        nullptr);
+}
+
+bool ProbeSucceeded(GPid pid) {
+    int status = 0;
+    pid_t done;
+    do {
+        done = waitpid(pid, &status, 0);
+    } while (done < 0 && errno == EINTR);
+    return done == pid && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+}  // namespace
+
+void StartSandboxProbe() {
+    if (g_probe == 0 && !SpawnProbe(&g_probe)) g_probe = 0;
+}
+
+bool SandboxUsable() {
+    GPid pid = g_probe;
+    g_probe = 0;
+    // WebKit starts the D-Bus proxy whenever a session bus address is set,
+    // "disabled:" included (which the host sets where there is no bus), and
+    // ends the host when the proxy does not start.
+    if (access(SystemPath(PLACE_BWRAP), X_OK) != 0 || access(SystemPath(PLACE_DBUS_PROXY), X_OK) != 0) {
+        if (pid != 0) ProbeSucceeded(pid);  // reaped, not used
         return false;
     }
-    return g_spawn_check_wait_status(status, nullptr);
+    return (pid != 0 || SpawnProbe(&pid)) && ProbeSucceeded(pid);
 }
 
 bool EnableSandbox(WebKitWebContext* context, const char* bridgeDirectory) {

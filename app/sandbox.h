@@ -7,9 +7,13 @@
 
 typedef struct _WebKitWebContext WebKitWebContext;
 
-// Whether bubblewrap runs here: the programs WebKit uses exist (the D-Bus
-// proxy only matters with a session bus), and a trial run in fresh
-// namespaces succeeds.
+// Starts the trial run of bubblewrap in the background, so that its cost
+// (namespaces made and torn down, tens of milliseconds on a busy machine)
+// overlaps the toolkit's start instead of delaying the first page.  Call
+// once, early; SandboxUsable then waits for this run instead of making one.
+void StartSandboxProbe();
+// Whether bubblewrap runs here: the programs WebKit uses exist, and a trial
+// run in fresh namespaces succeeds.
 bool SandboxUsable();
 // Turns the sandbox on for the context when usable, with the bridge's
 // directory (where the web extension connects) added to it.  Must come

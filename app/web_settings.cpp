@@ -62,6 +62,13 @@ void ApplyWebSettings(const char* userAgent) {
         // and blocks active content, and offers no switch for either.
         // Only on the caller's request: a dialog never shows the inspector otherwise.
         if (DeveloperMode()) g_object_set(settings, "enable-developer-extras", TRUE, nullptr);
+        // Pages are painted by the CPU.  With the GPU path a web process
+        // compiles its compositing shaders on every start: in the sandbox it
+        // sees no shader cache, and a cache it could write would let a
+        // taken-over web process plant code that later dialogs run.  With
+        // Mesa's llvmpipe that compiling was most of the sandbox's cost at
+        // first paint (bench/README.md).  A dialog needs no GPU.
+        webkit_settings_set_hardware_acceleration_policy(settings, WEBKIT_HARDWARE_ACCELERATION_POLICY_NEVER);
         if (userAgent) {
             if (userAgent[0]) {
                 g_object_set(settings, "user-agent", userAgent, nullptr);

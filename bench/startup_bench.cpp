@@ -3,7 +3,8 @@
 // time from exec to the page's load event (the page pings a loopback server)
 // and to the first paint of the page's colour on screen (read back from X),
 // and the PSS of the process and its WebKit processes after the load; and
-// the host against itself with WebKit's sandbox switched off.
+// the host against itself with WebKit's sandbox switched off.  Given an
+// earlier build, its host runs in the same rounds, sandboxed and not.
 // Needs DISPLAY on a 24-bit screen with a black root (run.sh).
 #include <X11/Xlib.h>
 #include <X11/Xutil.h>
@@ -171,12 +172,72 @@ double Median(std::vector<double> values) {
     return values.empty() ? -1 : values[values.size() / 2];
 }
 
+// One program measured in every round.
+struct Side {
+    std::vector<std::string> argv;
+    std::vector<Run> runs;
+    double Load() const { return Median(Pick(&Run::load)); }
+    double Paint() const { return Median(Pick(&Run::paint)); }
+    double Pss() const { return Median(Pick(&Run::pss)); }
+    std::vector<double> Pick(double Run::*field) const {
+        std::vector<double> values;
+        for (const Run& run : runs) values.push_back(run.*field);
+        return values;
+    }
+};
+
+// The ratio of the medians, and the spread of the ratios taken round by
+// round (lower to upper quartile): how far the load on the machine moved it.
+std::string Ratio(const Side& a, const Side& b, double Run::*field) {
+    std::vector<double> rounds;
+    for (size_t i = 0; i < a.runs.size() && i < b.runs.size(); ++i) {
+        if (a.runs[i].*field > 0 && b.runs[i].*field > 0)
+            rounds.push_back(a.runs[i].*field / b.runs[i].*field);
+    }
+    std::sort(rounds.begin(), rounds.end());
+    char text[64] = "-";
+    if (!rounds.empty()) {
+        snprintf(text,
+                 sizeof text,
+                 "%.2f, rounds %.2f-%.2f",
+                 Median(a.Pick(field)) / Median(b.Pick(field)),
+                 rounds[rounds.size() / 4],
+                 rounds[(rounds.size() * 3) / 4]);
+    }
+    return text;
+}
+
+void PrintSandboxCost(const char* name, const Side& on, const Side& off) {
+    printf("%s: load %.0f / %.0f ms (%s), first paint %.0f / %.0f ms (%s), PSS %.1f / %.1f MiB (%s)\n",
+           name,
+           on.Load(),
+           off.Load(),
+           Ratio(on, off, &Run::load).c_str(),
+           on.Paint(),
+           off.Paint(),
+           Ratio(on, off, &Run::paint).c_str(),
+           on.Pss(),
+           off.Pss(),
+           Ratio(on, off, &Run::pss).c_str());
+}
+
+std::vector<std::string> HostArgv(const std::string& buildDir, const std::string& url, bool sandboxed) {
+    std::vector<std::string> argv = {
+        buildDir + "/bin/kavori-host", "-url", url, "-root", buildDir + "/tests/fixtures/plugins/recording"};
+    // WebKit's own switch leaves the web processes outside the sandbox.
+    if (!sandboxed) argv.insert(argv.begin(), {"env", "WEBKIT_DISABLE_SANDBOX_THIS_IS_DANGEROUS=1"});
+    return argv;
+}
+
 }  // namespace
 
+// Arguments: build directory, source directory, rounds, and optionally the
+// build directory of an earlier version, measured in the same rounds.
 int main(int argc, char** argv) {
     std::string buildDir = argc > 1 ? argv[1] : "build";
     std::string sourceDir = argc > 2 ? argv[2] : ".";
     int runs = argc > 3 ? atoi(argv[3]) : 5;
+    std::string baseline = argc > 4 ? argv[4] : "";
     Display* display = XOpenDisplay(nullptr);
     if (!display) {
         fprintf(stderr, "no display\n");
@@ -185,46 +246,39 @@ int main(int argc, char** argv) {
     Beacon beacon;
     std::string url = "file://" + sourceDir + "/bench/pages/startup.html#" + std::to_string(beacon.port());
     const unsigned long colour = 0x2a6fdb;
-    std::vector<std::string> host = {
-        buildDir + "/bin/kavori-host", "-url", url, "-root", buildDir + "/tests/fixtures/plugins/recording"};
-    std::vector<std::string> surf = {"surf", url};
-    // The same host with WebKit's sandbox switched off by WebKit's own variable.
-    std::vector<std::string> open = {"env", "WEBKIT_DISABLE_SANDBOX_THIS_IS_DANGEROUS=1"};
-    open.insert(open.end(), host.begin(), host.end());
-    std::vector<double> hostLoad, hostPaint, hostPss, surfLoad, surfPaint, surfPss, openLoad, openPaint,
-        openPss;
+    Side host{HostArgv(buildDir, url, true), {}}, surf{{"surf", url}, {}},
+        open{HostArgv(buildDir, url, false), {}};
+    Side before{HostArgv(baseline, url, true), {}}, beforeOpen{HostArgv(baseline, url, false), {}};
+    std::vector<Side*> sides = {&host, &surf, &open};
+    if (!baseline.empty()) sides.insert(sides.end(), {&before, &beforeOpen});
     for (int i = 0; i < runs; ++i) {  // A, B, C, A, B, C
-        Run a = Measure(display, host, beacon, colour);
-        Run b = Measure(display, surf, beacon, colour);
-        Run c = Measure(display, open, beacon, colour);
-        hostLoad.push_back(a.load), hostPaint.push_back(a.paint), hostPss.push_back(a.pss);
-        surfLoad.push_back(b.load), surfPaint.push_back(b.paint), surfPss.push_back(b.pss);
-        openLoad.push_back(c.load), openPaint.push_back(c.paint), openPss.push_back(c.pss);
+        for (Side* side : sides) side->runs.push_back(Measure(display, side->argv, beacon, colour));
     }
-    double hl = Median(hostLoad), hp = Median(hostPaint), hm = Median(hostPss);
-    double sl = Median(surfLoad), sp = Median(surfPaint), sm = Median(surfPss);
-    printf(
-        "start-up to load event: host %.0f ms, surf %.0f ms, ratio %.2f (goal <= 0.90)\n", hl, sl, hl / sl);
-    printf(
-        "start-up to first paint: host %.0f ms, surf %.0f ms, ratio %.2f (goal <= 0.90)\n", hp, sp, hp / sp);
-    printf(
-        "memory after load (PSS, all processes): host %.1f MiB, surf %.1f MiB, ratio %.2f (goal <= 1.00)\n",
-        hm,
-        sm,
-        hm / sm);
-    double ol = Median(openLoad), op = Median(openPaint), om = Median(openPss);
-    printf(
-        "sandbox cost: load %.0f / %.0f ms (%.2f), first paint %.0f / %.0f ms (%.2f), PSS %.1f / %.1f MiB "
-        "(%.2f)\n",
-        hl,
-        ol,
-        hl / ol,
-        hp,
-        op,
-        hp / op,
-        hm,
-        om,
-        hm / om);
+    printf("start-up to load event: host %.0f ms, surf %.0f ms, ratio %s (goal <= 0.90)\n",
+           host.Load(),
+           surf.Load(),
+           Ratio(host, surf, &Run::load).c_str());
+    printf("start-up to first paint: host %.0f ms, surf %.0f ms, ratio %s (goal <= 0.90)\n",
+           host.Paint(),
+           surf.Paint(),
+           Ratio(host, surf, &Run::paint).c_str());
+    printf("memory after load (PSS, all processes): host %.1f MiB, surf %.1f MiB, ratio %s (goal <= 1.00)\n",
+           host.Pss(),
+           surf.Pss(),
+           Ratio(host, surf, &Run::pss).c_str());
+    PrintSandboxCost("sandbox cost (goal: first paint <= 1.05)", host, open);
+    if (!baseline.empty()) {
+        printf("earlier build: first paint %.0f ms, surf ratio %s; load %.0f ms, surf ratio %s\n",
+               before.Paint(),
+               Ratio(before, surf, &Run::paint).c_str(),
+               before.Load(),
+               Ratio(before, surf, &Run::load).c_str());
+        PrintSandboxCost("earlier build's sandbox cost", before, beforeOpen);
+        printf("this build against the earlier one: first paint %s, load %s, PSS %s\n",
+               Ratio(host, before, &Run::paint).c_str(),
+               Ratio(host, before, &Run::load).c_str(),
+               Ratio(host, before, &Run::pss).c_str());
+    }
     XCloseDisplay(display);
     return 0;
 }

@@ -39,7 +39,7 @@ std::string Glib(const BridgeRequest& r) {
 }
 std::string Glib(const BridgeReply& r) { return Glib(g_variant_new("(@mayi)", Maybe(r.text), r.code)); }
 
-TEST(Channel, ByteForByteGlibsFormAndOnlyItsNormalForms) {
+TEST(Channel, ByteForByteGlibsFormAtEveryOffsetWidth) {
     // Sizes around the offset-width steps; an empty text is not an absent one.
     for (size_t size : {0, 240, 256, 65530, 70000}) {
         BridgeRequest request{
@@ -55,35 +55,8 @@ TEST(Channel, ByteForByteGlibsFormAndOnlyItsNormalForms) {
                 << size;
         }
     }
-    // Every bit flip, cut and added byte of a request and a reply: taken exactly
-    // when GLib calls it normal (and the operation is known).
-    const std::string bodies[] = {
-        Glib(BridgeRequest{1, 1, {std::string("ab"), std::nullopt, std::string()}, 2}),
-        Glib(BridgeReply{std::string("ab"), 3})};
-    for (int kind = 0; kind < 2; ++kind) {
-        std::vector<std::string> variants{bodies[kind] + '\0'};
-        for (size_t i = 0; i < bodies[kind].size(); ++i) {
-            variants.push_back(bodies[kind].substr(0, i));
-            for (int bit = 0; bit < 8; ++bit)
-                variants.push_back(bodies[kind]), variants.back()[i] ^= char(1 << bit);
-        }
-        for (const std::string& v : variants) {
-            BridgeRequest request;
-            BridgeReply reply;
-            bool ours =
-                kind ? DecodeReply(v.data(), v.size(), &reply) : DecodeRequest(v.data(), v.size(), &request);
-            GVariant* value =
-                g_variant_ref_sink(g_variant_new_from_data(G_VARIANT_TYPE(kind ? "(mayi)" : "(yymaymaymayd)"),
-                                                           v.data(),
-                                                           v.size(),
-                                                           FALSE,
-                                                           nullptr,
-                                                           nullptr));
-            EXPECT_EQ(ours, g_variant_is_normal_form(value) && (kind || uint8_t(v[0]) < BRIDGE_OP_COUNT))
-                << testing::PrintToString(v);
-            g_variant_unref(value);
-        }
-    }
+    // Which bodies are taken (exactly those GLib calls normal, with a known
+    // operation) is the bridge fuzzer's: it flips, cuts and extends its seed frames.
 }
 
 int g_handled = 0;

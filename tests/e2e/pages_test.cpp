@@ -23,13 +23,15 @@ TEST_F(Pages, UnusablePluginsGiveTheDefaultsAndAFailedStartIsRetried) {
     EXPECT_EQ(1, CountOf(flaky, "Invoke 7"));  // only the call after the start reached it
 }
 
-TEST_F(Pages, ForDialogAuthorsTheConsoleTheScriptedPluginAndTrustedOrigins) {
+TEST_F(Pages, TheFunctionsAndForDialogAuthorsTheConsoleTheScriptedPluginAndTrustedOrigins) {
     std::string page = PageUrl("scripted.html"), answers = SourceDir() + "/tests/fixtures/pages/scripted";
     const std::vector<std::string> scripted = {"-root", BuildDir() + "/examples/scripted"};
     HostProcess& good =
         Open("scripted.html", scripted, {"KAVORI_ANSWERS=" + answers + ".json", "KAVORI_DEVELOPER=1"});
     HostProcess& bad = Open("scripted.html", scripted, {"KAVORI_ANSWERS=" + answers + "_malformed.json"});
-    // Restricted to file://: a sandboxed frame has an opaque origin and no Kavori.
+    // The functions, frames and documents see only Kavori; restricted to file://,
+    // a sandboxed frame has an opaque origin and no Kavori.
+    HostProcess& calls = Open("calls.html");
     HostProcess& restricted = Open("calls.html?restricted", {}, {"KAVORI_TRUSTED_ORIGINS=file://"});
     // A start page off the list is refused: no call is served, the dialog stays.
     HostProcess& untrusted = Open("calls.html", {}, {"KAVORI_TRUSTED_ORIGINS=http://127.0.0.1:9"});
@@ -45,6 +47,8 @@ TEST_F(Pages, ForDialogAuthorsTheConsoleTheScriptedPluginAndTrustedOrigins) {
     EXPECT_TRUE(Has(bad.Result(), "holder: \"\"")) << bad.output();
     EXPECT_FALSE(Has(bad.output(), "console.")) << bad.output();                     // not in developer mode
     EXPECT_TRUE(Has(bad.output(), answers + "_malformed.json:2:")) << bad.output();  // named with its line
+    EXPECT_EQ("ok", calls.Result());
+    EXPECT_EQ("", calls.Leftovers());
     EXPECT_EQ("ok", restricted.Result());
     std::string refused = "kavori-host: refused navigation to " + PageUrl("calls.html") + ": ";
     EXPECT_TRUE(PollUntil([&] { return Has(untrusted.output(), refused); })) << untrusted.output();
