@@ -8,6 +8,7 @@
 
 #include "bridge/extension/channel_client.h"
 #include "bridge/extension/console_line.h"
+#include "bridge/extension/document_origin.h"
 #include "bridge/extension/script_object.h"
 
 namespace {
@@ -21,7 +22,12 @@ void OnWindowObjectCleared(WebKitScriptWorld* world, WebKitWebPage*, WebKitFrame
     G_GNUC_BEGIN_IGNORE_DEPRECATIONS
     JSGlobalContextRef context = webkit_frame_get_javascript_context_for_script_world(frame, world);
     G_GNUC_END_IGNORE_DEPRECATIONS
-    if (context && !DocumentTrusted(context, g_startup->trustedOrigins)) context = nullptr;
+    // With a list, no document may relax its origin with document.domain: a
+    // listed page that did would let a frame of another port of its host,
+    // which can relax its own, reach the page's Kavori.
+    const std::vector<std::string>& trusted = g_startup->trustedOrigins;
+    if (context && !(trusted.empty() || LockDocumentDomain(context))) context = nullptr;
+    if (context && !DocumentTrusted(context, trusted)) context = nullptr;
     if (context) InstallScriptObject(context);
     // The wrapper only makes long answers; the frame's previous document
     // lets go of its own whatever this one gets.
