@@ -4,6 +4,7 @@
 #include <glib.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -84,6 +85,68 @@ TEST(Channel, ByteForByteGlibsFormAndOnlyItsNormalForms) {
             g_variant_unref(value);
         }
     }
+}
+
+TEST(Channel, StartupDataIsTakenOnlyWhole) {
+    const StartupData good{
+        "/run/kavori-x/bridge", std::string(kTokenSize, 't'), 1, {"file://", "http://a"}, 7};
+    std::vector<StartupData> rows(5, good);  // the first is whole, each other lacks one thing
+    rows[1].socketPath.clear();
+    rows[2].socketPath += std::string(1, '\0') + "x";
+    rows[3].token.pop_back();
+    rows[4].token += 't';
+    for (size_t i = 0; i < rows.size(); ++i) {
+        StartupData out;
+        GVariant* data = g_variant_ref_sink(MakeStartupData(rows[i]));
+        EXPECT_EQ(ParseStartupData(data, &out), i == 0) << i;
+        EXPECT_TRUE(i > 0 ||
+                    (out.socketPath == good.socketPath && out.token == good.token && out.flags == 1 &&
+                     out.trustedOrigins == good.trustedOrigins && out.hostPid == 7));
+        g_variant_unref(data);
+    }
+    // Another type, though every field the parser reads would do.
+    const char* none[] = {nullptr};
+    GVariant* other = g_variant_ref_sink(g_variant_new(
+        "(@ay@ayu^asus)",
+        g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, good.socketPath.data(), good.socketPath.size(), 1),
+        g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, good.token.data(), kTokenSize, 1),
+        0u,
+        none,
+        0u,
+        "more"));
+    StartupData out;
+    EXPECT_FALSE(ParseStartupData(other, &out) || ParseStartupData(nullptr, &out));
+    g_variant_unref(other);
+}
+
+// A host that goes away mid-call ends the call: whether it left the request
+// unread (every later write fails) or its answer half-sent (the read ends).
+TEST(Channel, AHostGoneMidCallEndsTheCallInsteadOfSpinning) {
+    kvotest::TempDir dir;
+    sockaddr_un address = {AF_UNIX, {}};
+    dir.file("bridge").copy(address.sun_path, sizeof address.sun_path - 1);
+    int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    ASSERT_TRUE(bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
+                listen(listener, 1) == 0);
+    ChannelConfigure(address.sun_path, std::string(kTokenSize, 't'));
+    uint32_t length = 100;
+    for (const std::string& answer :
+         {std::string(), std::string("\x64", 1), std::string((char*)&length, 4) + "ab"}) {
+        // A request larger than a socket buffer: sent only while the host reads.
+        BridgeRequest request{BRIDGE_GET_PROPERTY, 1, {std::string(answer.empty() ? 4 << 20 : 1, 'a')}, 0};
+        pid_t client = fork();
+        if (client == 0) {
+            BridgeReply reply;
+            _exit(ChannelCall(request, &reply) ? 1 : 0);
+        }
+        int host = accept(listener, nullptr, nullptr);
+        send(host, answer.data(), answer.size(), MSG_NOSIGNAL);
+        shutdown(host, answer.empty() ? SHUT_RDWR : SHUT_WR);  // gone at once, or once it has answered
+        EXPECT_EQ(0, kvotest::WaitProcess(client, 10000)) << answer.size();
+        if (kill(client, SIGKILL) == 0) waitpid(client, nullptr, 0);
+        close(host);
+    }
+    close(listener);
 }
 
 int g_handled = 0;
