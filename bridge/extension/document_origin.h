@@ -11,7 +11,8 @@
 // otherwise only when its own security origin and every ancestor's are on
 // the list.  The origins are the engine's: a sandboxed frame or a page
 // served with a sandboxing Content-Security-Policy has the opaque origin
-// "null" and is never trusted, whatever its URL says.
+// "null" and is never trusted, whatever its URL says.  `context` is the
+// document's in a script world where no page script runs.
 bool DocumentTrusted(JSGlobalContextRef context, const std::vector<std::string>& trusted);
 
 // Makes document.domain's setter do nothing for every document of the

@@ -14,20 +14,28 @@
 namespace {
 
 StartupData* g_startup = nullptr;
+// Where a document's origins are read: a script world of the extension's
+// own, whose objects no page script can reach.  The page's world is no place
+// for it: a frame's first, empty document hands its realm, and whatever its
+// script changed there, on to the next document of its origin.
+WebKitScriptWorld* g_ownWorld = nullptr;
 
 void OnWindowObjectCleared(WebKitScriptWorld* world, WebKitWebPage*, WebKitFrame* frame, gpointer) {
     // The JavaScriptCore C API keeps the class table and function callbacks
     // that the script object is made of; its frame accessor is deprecated
     // in favour of the GObject wrapper, which has no static-function classes.
+    const std::vector<std::string>& trusted = g_startup->trustedOrigins;
     G_GNUC_BEGIN_IGNORE_DEPRECATIONS
     JSGlobalContextRef context = webkit_frame_get_javascript_context_for_script_world(frame, world);
+    JSGlobalContextRef own = context && !trusted.empty()
+                                 ? webkit_frame_get_javascript_context_for_script_world(frame, g_ownWorld)
+                                 : nullptr;
     G_GNUC_END_IGNORE_DEPRECATIONS
     // With a list, no document may relax its origin with document.domain: a
     // listed page that did would let a frame of another port of its host,
     // which can relax its own, reach the page's Kavori.
-    const std::vector<std::string>& trusted = g_startup->trustedOrigins;
-    if (context && !(trusted.empty() || LockDocumentDomain(context))) context = nullptr;
-    if (context && !DocumentTrusted(context, trusted)) context = nullptr;
+    if (context && !trusted.empty() && !(own && LockDocumentDomain(context) && DocumentTrusted(own, trusted)))
+        context = nullptr;
     if (context) InstallScriptObject(context);
     // The wrapper only makes long answers; the frame's previous document
     // lets go of its own whatever this one gets.
@@ -67,6 +75,7 @@ void OnPageCreated(WebKitWebExtension*, WebKitWebPage* page, gpointer) {
 extern "C" __attribute__((visibility("default"))) void webkit_web_extension_initialize_with_user_data(
     WebKitWebExtension* extension, GVariant* data) {
     g_startup = new StartupData;
+    g_ownWorld = webkit_script_world_new();
     // Without usable start-up data every call gives its default result.
     if (ParseStartupData(data, g_startup)) {
         ChannelConfigure(g_startup->socketPath, g_startup->token, g_startup->hostPid);
