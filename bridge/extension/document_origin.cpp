@@ -50,6 +50,15 @@ bool DocumentTrusted(JSGlobalContextRef context, const std::vector<std::string>&
     return all && checked > 0;
 }
 
+std::string DocumentOrigin(JSGlobalContextRef context) {
+    JSStringRef script = JSStringCreateWithUTF8CString("self.origin");
+    char* text = CopyScriptString(context, JSEvaluateScript(context, script, nullptr, nullptr, 0, nullptr));
+    JSStringRelease(script);
+    std::string origin = text ? text : "null";
+    FreeScriptString(text);
+    return origin;
+}
+
 bool LockDocumentDomain(JSGlobalContextRef context) {
     // A realm keeps its prototypes when the frame's first document (about:blank)
     // gives way to one of the same origin: then it is locked already.

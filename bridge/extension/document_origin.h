@@ -14,6 +14,9 @@
 // "null" and is never trusted, whatever its URL says.  `context` is the
 // document's in a script world where no page script runs.
 bool DocumentTrusted(JSGlobalContextRef context, const std::vector<std::string>& trusted);
+// The document's security origin as the engine writes it ("null" when it is
+// opaque); `context` as for DocumentTrusted.
+std::string DocumentOrigin(JSGlobalContextRef context);
 
 // Makes document.domain's setter do nothing for every document of the
 // context's realm, so that no document there can relax its origin to meet

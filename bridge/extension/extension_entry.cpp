@@ -25,12 +25,14 @@ void OnWindowObjectCleared(WebKitScriptWorld* world, WebKitWebPage*, WebKitFrame
     // that the script object is made of; its frame accessor is deprecated
     // in favour of the GObject wrapper, which has no static-function classes.
     const std::vector<std::string>& trusted = g_startup->trustedOrigins;
+    bool developer = g_startup->flags & STARTUP_DEVELOPER;
     G_GNUC_BEGIN_IGNORE_DEPRECATIONS
     JSGlobalContextRef context = webkit_frame_get_javascript_context_for_script_world(frame, world);
-    JSGlobalContextRef own = context && !trusted.empty()
+    JSGlobalContextRef own = context && (developer || !trusted.empty())
                                  ? webkit_frame_get_javascript_context_for_script_world(frame, g_ownWorld)
                                  : nullptr;
     G_GNUC_END_IGNORE_DEPRECATIONS
+    if (developer && own) NameConsoleOrigin(context, DocumentOrigin(own));
     // With a list, no document may relax its origin with document.domain: a
     // listed page that did would let a frame of another port of its host,
     // which can relax its own, reach the page's Kavori.
@@ -56,10 +58,13 @@ const char* LevelName(WebKitConsoleMessageLevel level) {
 
 // Developer mode: one line per console message or uncaught error.
 void OnConsoleMessage(WebKitWebPage*, WebKitConsoleMessage* message, gpointer) {
-    std::string line = ConsoleLine(LevelName(webkit_console_message_get_level(message)),
+    WebKitConsoleMessageLevel level = webkit_console_message_get_level(message);
+    const char* text = webkit_console_message_get_text(message);
+    std::string line = ConsoleLine(LevelName(level),
+                                   ConsoleOrigin(level == WEBKIT_CONSOLE_MESSAGE_LEVEL_ERROR, text),
                                    webkit_console_message_get_source_id(message),
                                    webkit_console_message_get_line(message),
-                                   webkit_console_message_get_text(message));
+                                   text);
     fputs(line.c_str(), stderr);
     fflush(stderr);
 }

@@ -351,7 +351,7 @@ TEST(ScriptObject, ConsoleLinesNameTheirOriginAndEscapeWhatATerminalWouldObey) {
                              {"HTTP://A.example:80/x", "", "[http://a.example] HTTP://A.example:80/x:7: "},
                              {"http://b/", "", "[http://b] http://b/:7: "}};
     for (const auto& r : rows)
-        EXPECT_EQ(ConsoleLine("console.log", r[0], 7, r[1]), std::string("console.log: ") + r[2] + "\n");
+        EXPECT_EQ(ConsoleLine("console.log", "", r[0], 7, r[1]), std::string("console.log: ") + r[2] + "\n");
 }
 
 std::string g_requests;  // one line a request: operation, texts ('-': absent), count, number
