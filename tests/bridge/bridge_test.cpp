@@ -87,36 +87,25 @@ TEST(Channel, ByteForByteGlibsFormAndOnlyItsNormalForms) {
     }
 }
 
+// Start-up data that lacks one thing is not taken, not even in part.
 TEST(Channel, StartupDataIsTakenOnlyWhole) {
-    const StartupData good{
-        "/run/kavori-x/bridge", std::string(kTokenSize, 't'), 1, {"file://", "http://a"}, 7};
-    std::vector<StartupData> rows(5, good);  // the first is whole, each other lacks one thing
+    std::vector<StartupData> rows(5, {"/run/k/bridge", std::string(kTokenSize, 't'), 1, {"file://"}, 7});
     rows[1].socketPath.clear();
-    rows[2].socketPath += std::string(1, '\0') + "x";
+    rows[2].socketPath += std::string(1, '\0');
     rows[3].token.pop_back();
     rows[4].token += 't';
-    for (size_t i = 0; i < rows.size(); ++i) {
-        StartupData out;
-        GVariant* data = g_variant_ref_sink(MakeStartupData(rows[i]));
-        EXPECT_EQ(ParseStartupData(data, &out), i == 0) << i;
-        EXPECT_TRUE(i > 0 ||
-                    (out.socketPath == good.socketPath && out.token == good.token && out.flags == 1 &&
-                     out.trustedOrigins == good.trustedOrigins && out.hostPid == 7));
-        g_variant_unref(data);
-    }
+    std::vector<GVariant*> data;
+    for (const StartupData& row : rows) data.push_back(g_variant_ref_sink(MakeStartupData(row)));
     // Another type, though every field the parser reads would do.
-    const char* none[] = {nullptr};
-    GVariant* other = g_variant_ref_sink(g_variant_new(
-        "(@ay@ayu^asus)",
-        g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, good.socketPath.data(), good.socketPath.size(), 1),
-        g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, good.token.data(), kTokenSize, 1),
-        0u,
-        none,
-        0u,
-        "more"));
+    data.push_back(
+        g_variant_ref_sink(g_variant_new_parsed("(@ay [47], b'0123456789abcde', @u 0, @as [], @u 0, 'x')")));
+    for (size_t i = 0; i < data.size(); ++i) {
+        StartupData out;
+        EXPECT_EQ(ParseStartupData(data[i], &out), i == 0) << i;
+        g_variant_unref(data[i]);
+    }
     StartupData out;
-    EXPECT_FALSE(ParseStartupData(other, &out) || ParseStartupData(nullptr, &out));
-    g_variant_unref(other);
+    EXPECT_FALSE(ParseStartupData(nullptr, &out));
 }
 
 // A host that goes away mid-call ends the call: whether it left the request
@@ -235,11 +224,14 @@ TEST_F(Server, BrokenPeersAreClosedAlone) {
     }
 }
 
-TEST_F(Server, NeitherAFloodNorAPeerThatStopsReadingBlocksTheOthers) {
+TEST_F(Server, NeitherAFloodNorAPeerThatStopsReadingBlocksTheOthersNorAHelloInPiecesAndTheGoneAreClosed) {
     bool before = false, during = false, late = false;
     WithPeers([&] {
         Peer stuck;
-        before = Echoes("before") && stuck.Request(BRIDGE_HELLO, token);
+        std::string hello = EncodeRequest(BridgeRequest{BRIDGE_HELLO, 1, {token}, 0});
+        before = Echoes("before") && stuck.Send(hello.substr(0, 5));
+        usleep(100000);  // the host reads the hello's start alone: it must read on
+        before = before && stuck.Send(hello.substr(5));
         for (int i = 0; i < 50 && stuck.Request(BRIDGE_GET_PROPERTY, "big"); ++i)
             continue;  // large answers, none read
         std::vector<Peer> flood(200);
@@ -249,7 +241,12 @@ TEST_F(Server, NeitherAFloodNorAPeerThatStopsReadingBlocksTheOthers) {
     });
     EXPECT_TRUE(before && during && late) << before << during << late;
     EXPECT_LE(BridgeConnectionCount(), 64u);
-    EXPECT_LT(g_handled, 13);  // one request in flight: the stuck peer got only what its socket took
+    // One request in flight: the stuck peer got only what its socket took, and at least one.
+    EXPECT_TRUE(g_handled > 3 && g_handled < 13) << g_handled;
+    // The peers are gone, the stuck one with a reply half sent: the channel's connection is left.
+    for (int i = 0; i < 5000 && BridgeConnectionCount() > 1; ++i)
+        g_main_context_iteration(nullptr, FALSE), usleep(1000);
+    EXPECT_EQ(BridgeConnectionCount(), 1u);
 }
 
 TEST_F(Server, APeerOfAnotherUserIsRefused) {
@@ -273,31 +270,6 @@ TEST_F(Server, APeerOfAnotherUserIsRefused) {
     EXPECT_TRUE(status == 0 && g_handled == 0);
 }
 
-TEST_F(Server, APeerGoneWithItsReplyUnsentIsClosed) {
-    WithPeers([&] {
-        Peer peer;
-        peer.Request(0, token), peer.Request(1, "big");  // more than the socket takes at once
-        usleep(200000);
-    });  // closed here, the reply half sent
-    for (int i = 0; i < 500 && BridgeConnectionCount() > 0; ++i)
-        g_main_context_iteration(nullptr, FALSE), usleep(1000);
-    EXPECT_EQ(BridgeConnectionCount(), 0u);
-}
-
-TEST_F(Server, AHelloInPiecesIsStillServed) {
-    bool served = false;
-    WithPeers([&] {
-        Peer peer;
-        std::string hello = EncodeRequest(BridgeRequest{BRIDGE_HELLO, 1, {token}, 0});
-        peer.Send(hello.substr(0, 5));
-        usleep(100000);  // the host reads the start alone
-        char header[kFrameHeaderSize];
-        served = peer.Send(hello.substr(5)) && peer.Request(1, "x") &&
-                 recv(peer.fd, header, sizeof header, MSG_WAITALL) == 4;
-    });
-    EXPECT_TRUE(served && g_handled == 1);
-}
-
 TEST_F(Server, NoSocketInABaseThatOthersCanWriteWithoutTheStickyBit) {
     kvotest::TempDir safe;
     setenv("TMPDIR", safe.path().c_str(), 1);
@@ -310,33 +282,22 @@ TEST_F(Server, NoSocketInABaseThatOthersCanWriteWithoutTheStickyBit) {
     }
 }
 
-TEST_F(Server, TheExtensionSpeaksOnlyToTheHostsProcess) {
-    bool other = true, host = false;
-    WithPeers([&] {
-        ChannelConfigure(
-            BridgeSocketPath(), token, getpid() + 1);  // someone else listens: no token, no request
-        other = Echoes("a");
-        ChannelConfigure(BridgeSocketPath(), token, getpid());
-        ChannelReset();
-        host = Echoes("b");
-    });
-    EXPECT_TRUE(!other && host && g_handled == 1) << other << host << g_handled;
-}
-
-TEST_F(Server, TheChannelStaysLostOnceLost) {
+// Whoever else listens at the path never sees the token or a request; a
+// channel lost that way, or any other, stays lost until reset.
+TEST_F(Server, TheExtensionSpeaksOnlyToTheHostsProcessAndALostChannelStaysLost) {
     bool first = false, lost = true, reset = false;
     WithPeers([&] {
         first = Echoes("a");
-        ChannelConfigure(runtime.file("nothing-here"), token);
+        ChannelConfigure(BridgeSocketPath(), token, getpid() + 1);
         ChannelReset();
         lost = Echoes("b");
-        ChannelConfigure(BridgeSocketPath(), token);
+        ChannelConfigure(BridgeSocketPath(), token, getpid());
         BridgeReply stale;  // a lost call says so: the caller's reply may hold an old answer
         lost = lost || Echoes("c") || ChannelCall(BridgeRequest{BRIDGE_GET_PROPERTY, 1, {"c"}, 0}, &stale);
         ChannelReset();
         reset = Echoes("d") && Echoes("e");
     });
-    EXPECT_TRUE(first && !lost && reset) << first << lost << reset;
+    EXPECT_TRUE(first && !lost && reset && g_handled == 3) << first << lost << reset << g_handled;
 }
 
 TEST(ScriptObject, ConsoleLinesNameTheirOriginAndEscapeWhatATerminalWouldObey) {

@@ -46,35 +46,6 @@ TEST_F(Hardening, KavoriOnlyForDocumentsWhoseOriginAndAncestorsAreTrusted) {
     EXPECT_EQ("<none>", sandboxed.LastSet("Served"));
 }
 
-// A web process taken over by an engine bug holds the socket and the token
-// (a second web extension stands for it); the host still serves it nothing
-// while its own top document is not listed: here a start page it refused.
-TEST_F(Hardening, ATakenOverWebProcessIsServedNothingWhileTheTopDocumentIsNotListed) {
-    for (const char* list : {"file://", "http://127.0.0.1:9"}) {
-        HostProcess& host = Add();
-        host.env = {std::string("KAVORI_TRUSTED_ORIGINS=") + list};
-        const std::string bin = host.dir() + "/bin", extensions = host.dir() + "/lib/kavori";
-        ASSERT_TRUE(MakeDirs(bin) && MakeDirs(extensions));
-        ASSERT_EQ(0, RunProcess({"/bin/cp", HostBinary(), bin}, {}, 10000));
-        ASSERT_EQ(0,
-                  RunProcess({"/bin/cp",
-                              BuildDir() + "/lib/kavori/kavori-web-extension.so",
-                              FixtureDir() + "/intruder/kavori-intruder.so",
-                              extensions},
-                             {},
-                             10000));
-        ASSERT_TRUE(host.StartArgv(
-            {bin + "/kavori-host", "-url", PageUrl("idle.html"), "-root", PluginDir("recording")}));
-    }
-    HostProcess &listed = *hosts[0], &unlisted = *hosts[1];
-    // Where the top document is listed, the same intruder is served.
-    EXPECT_TRUE(listed.WaitForRecord("SetProperty Intruder=" + PageUrl("idle.html"))) << listed.output();
-    EXPECT_TRUE(
-        Has(ReadUntil([&] { return unlisted.output(); }, "answered at start-up"), "answered at start-up"))
-        << unlisted.output();
-    EXPECT_EQ("<none>", unlisted.LastSet("Intruder"));
-}
-
 TEST_F(Hardening, TheWebProcessSeesNoHomeInTheSandboxAndWithoutBubblewrapTheDialogStillRuns) {
     HostProcess& boxed = Open("idle.html");
     HostProcess& open = Add();  // bubblewrap replaced by /bin/false in a private mount namespace
