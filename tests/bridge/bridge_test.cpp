@@ -108,9 +108,10 @@ TEST(Channel, StartupDataIsTakenOnlyWhole) {
     EXPECT_FALSE(ParseStartupData(nullptr, &out));
 }
 
-// A host that goes away mid-call ends the call: whether it left the request
-// unread (every later write fails) or its answer half-sent (the read ends).
-TEST(Channel, AHostGoneMidCallEndsTheCallInsteadOfSpinning) {
+// The extension's end, reading what a host sends before it goes: a call
+// succeeds only on one whole reply that decodes, and on anything else it
+// ends (never spins), a request the host left unread included.
+TEST(Channel, OnlyOneWholeReplyIsTakenAndACallWhoseHostIsGoneEnds) {
     kvotest::TempDir dir;
     sockaddr_un address = {AF_UNIX, {}};
     dir.file("bridge").copy(address.sun_path, sizeof address.sun_path - 1);
@@ -118,20 +119,28 @@ TEST(Channel, AHostGoneMidCallEndsTheCallInsteadOfSpinning) {
     ASSERT_TRUE(bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 &&
                 listen(listener, 1) == 0);
     ChannelConfigure(address.sun_path, std::string(kTokenSize, 't'));
-    uint32_t length = 100;
-    for (const std::string& answer :
-         {std::string(), std::string("\x64", 1), std::string((char*)&length, 4) + "ab"}) {
-        // A request larger than a socket buffer: sent only while the host reads.
+    const std::string reply = EncodeReply(BridgeReply{std::string("answer"), 7});
+    uint32_t overLimit = kMaxFrameSize + 1;
+    const std::string answers[] = {reply,
+                                   "",  // the request, larger than a socket buffer, left unread
+                                   reply.substr(0, 1),
+                                   reply.substr(0, reply.size() - 1),
+                                   reply + reply,
+                                   std::string(4, '\0'),
+                                   std::string((char*)&overLimit, 4) + "x",
+                                   reply.substr(0, 4) + std::string(reply.size() - 4, 'x')};
+    for (const std::string& answer : answers) {
         BridgeRequest request{BRIDGE_GET_PROPERTY, 1, {std::string(answer.empty() ? 4 << 20 : 1, 'a')}, 0};
         pid_t client = fork();
         if (client == 0) {
-            BridgeReply reply;
-            _exit(ChannelCall(request, &reply) ? 1 : 0);
+            BridgeReply got;
+            bool taken = ChannelCall(request, &got);
+            _exit(taken == (answer == reply) && (!taken || (got.text == "answer" && got.code == 7)) ? 0 : 1);
         }
         int host = accept(listener, nullptr, nullptr);
         send(host, answer.data(), answer.size(), MSG_NOSIGNAL);
         shutdown(host, answer.empty() ? SHUT_RDWR : SHUT_WR);  // gone at once, or once it has answered
-        EXPECT_EQ(0, kvotest::WaitProcess(client, 10000)) << answer.size();
+        EXPECT_EQ(0, kvotest::WaitProcess(client, 10000)) << testing::PrintToString(answer);
         if (kill(client, SIGKILL) == 0) waitpid(client, nullptr, 0);
         close(host);
     }
