@@ -87,30 +87,26 @@ TEST(Channel, ByteForByteGlibsFormAndOnlyItsNormalForms) {
     }
 }
 
-// Start-up data that lacks one thing is not taken, not even in part.
+// Start-up data that lacks one thing, or is of another type, is not taken.
 TEST(Channel, StartupDataIsTakenOnlyWhole) {
     std::vector<StartupData> rows(5, {"/run/k/bridge", std::string(kTokenSize, 't'), 1, {"file://"}, 7});
     rows[1].socketPath.clear();
     rows[2].socketPath += std::string(1, '\0');
     rows[3].token.pop_back();
     rows[4].token += 't';
-    std::vector<GVariant*> data;
-    for (const StartupData& row : rows) data.push_back(g_variant_ref_sink(MakeStartupData(row)));
-    // Another type, though every field the parser reads would do.
-    data.push_back(
-        g_variant_ref_sink(g_variant_new_parsed("(@ay [47], b'0123456789abcde', @u 0, @as [], @u 0, 'x')")));
-    for (size_t i = 0; i < data.size(); ++i) {
+    for (size_t i = 0; i <= rows.size(); ++i) {  // the last: every field the parser reads would do
+        GVariant* data = g_variant_ref_sink(
+            i < rows.size()
+                ? MakeStartupData(rows[i])
+                : g_variant_new_parsed("(@ay [47], b'0123456789abcde', @u 0, @as [], @u 0, 'x')"));
         StartupData out;
-        EXPECT_EQ(ParseStartupData(data[i], &out), i == 0) << i;
-        g_variant_unref(data[i]);
+        EXPECT_EQ(ParseStartupData(data, &out), i == 0) << i;
+        g_variant_unref(data);
     }
-    StartupData out;
-    EXPECT_FALSE(ParseStartupData(nullptr, &out));
 }
 
-// The extension's end, reading what a host sends before it goes: a call
-// succeeds only on one whole reply that decodes, and on anything else it
-// ends (never spins), a request the host left unread included.
+// The extension's end: a call takes only one whole reply that decodes, and on
+// anything else a host sends before it goes it ends (never spins).
 TEST(Channel, OnlyOneWholeReplyIsTakenAndACallWhoseHostIsGoneEnds) {
     kvotest::TempDir dir;
     sockaddr_un address = {AF_UNIX, {}};
@@ -291,8 +287,7 @@ TEST_F(Server, NoSocketInABaseThatOthersCanWriteWithoutTheStickyBit) {
     }
 }
 
-// Whoever else listens at the path never sees the token or a request; a
-// channel lost that way, or any other, stays lost until reset.
+// Whoever else listens never sees the token; a lost channel stays lost until reset.
 TEST_F(Server, TheExtensionSpeaksOnlyToTheHostsProcessAndALostChannelStaysLost) {
     bool first = false, lost = true, reset = false;
     WithPeers([&] {
@@ -324,18 +319,14 @@ TEST(ScriptObject, ConsoleLinesNameTheirOriginAndEscapeWhatATerminalWouldObey) {
         EXPECT_EQ(ConsoleLine("console.log", "", r[0], 7, r[1]), std::string("console.log: ") + r[2] + "\n");
 }
 
-std::string g_requests;  // one line a request: operation, texts ('-': absent), count, number
+// What the calls of calls.html cannot show: an answer that is not UTF-8, and a lost channel.
 BridgeReply g_reply;
-bool Transport(const BridgeRequest& r, BridgeReply* reply) {
-    g_requests += std::to_string(r.op);
-    for (const auto& text : r.text) g_requests += text ? " '" + *text + "'" : " -";
-    g_requests += " " + std::to_string(r.argc) +
-                  (r.op == BRIDGE_APPLICATION ? " " + std::to_string(r.number) : "") + "\n";
+bool Transport(const BridgeRequest&, BridgeReply* reply) {
     *reply = g_reply;
-    return g_reply.text != std::string("lost");
+    return g_reply.code != 9;
 }
 
-TEST(ScriptObject, OnlyStringArgumentsTravelAnswersComeBackAndALostChannelGivesDefaults) {
+TEST(ScriptObject, AnswersComeBackWellFormedAndALostChannelGivesDefaults) {
     JSGlobalContextRef context = JSGlobalContextCreate(nullptr);
     SetScriptTransport(Transport);
     InstallScriptObject(context);
@@ -346,27 +337,14 @@ TEST(ScriptObject, OnlyStringArgumentsTravelAnswersComeBackAndALostChannelGivesD
         std::string json = text ? text : "(no string)";
         return JSStringRelease(source), FreeScriptString(text), json;
     };
-    g_reply = {std::string("caf\xc3\xa9 \xff"), -7};  // not UTF-8: repaired for the page
-    EXPECT_EQ(
-        eval(
-            "[Kavori.GetProperty('\\u20ac\\u0000cut', 'extra'), Kavori.GetProperty(5), Kavori.GetProperty(), "
-            "Kavori.GetProperty(new String('boxed')), Kavori.EnumProperty('', 'b'), "
-            "Kavori.EnumProperty('a'), "
-            "Kavori.SetProperty('n', 'v'), Kavori.SetProperty('n', 5), Kavori.Invoke('c'), "
-            "Kavori.Invoke(null), "
-            "Kavori.Application('exit', 'CKR_OK', 'done'), Kavori.Application('resize', 0x032001E0), "
-            "Kavori.Application(1, 'x')]"),
-        "[\"caf\xc3\xa9 \xef\xbf\xbd\",\"\",\"\",\"\",\"caf\xc3\xa9 "
-        "\xef\xbf\xbd\",\"\",null,null,-7,0,0,0,0]");
-    EXPECT_EQ(g_requests,
-              "1 '\xe2\x82\xac' - - 2\n3 '' 'b' - 2\n2 'n' 'v' - 2\n4 'c' - - 1\n"
-              "5 'exit' 'CKR_OK' 'done' 3 nan\n5 'resize' - - 2 52429280.000000\n");
+    const std::string calls =
+        "[Kavori.GetProperty('n'), Kavori.EnumProperty('a', 'b'), Kavori.Invoke('c'), "
+        "Kavori.SetProperty('a', 'b'), Kavori.Application('exit')]";
+    g_reply = {std::string("caf\xc3\xa9 \xff"), -7};  // repaired for the page
+    EXPECT_EQ(eval(calls), "[\"caf\xc3\xa9 \xef\xbf\xbd\",\"caf\xc3\xa9 \xef\xbf\xbd\",-7,null,0]");
     g_reply = {std::string("lost"), 9};
-    EXPECT_EQ(eval("[Kavori.GetProperty('n'), Kavori.EnumProperty('a', 'b'), Kavori.Invoke('c'), "
-                   "Kavori.SetProperty('a', 'b'), Kavori.Application('exit')]"),
-              "[\"\",\"\",0,null,0]");
-    EXPECT_TRUE(!CopyScriptString(context, JSValueMakeNumber(context, 1)) &&
-                !CopyScriptString(context, nullptr));
+    EXPECT_EQ(eval(calls), "[\"\",\"\",0,null,0]");
+    EXPECT_EQ(CopyScriptString(context, nullptr), nullptr);  // what a failed evaluation gives
     JSGlobalContextRelease(context);
 }
 

@@ -37,9 +37,8 @@ TEST_F(Pages, ForDialogAuthorsTheConsoleTheScriptedPluginAndTrustedOrigins) {
     HostProcess& bad = Open("scripted.html", scripted, {"KAVORI_ANSWERS=" + answers + "_malformed.json"});
     // Restricted to file://: a sandboxed frame has an opaque origin and no Kavori.
     HostProcess& restricted = Open("calls.html?restricted", {}, {"KAVORI_TRUSTED_ORIGINS=file://"});
-    // A start page off the list is refused: no call is served, the dialog stays; not even to its web
-    // process taken over by an engine bug, which a second extension stands for: it has the socket and
-    // the token.
+    // A start page off the list is refused: no call is served, the dialog stays; not even to a web
+    // process taken over (a second extension stands for it: it has the socket and the token).
     HostProcess& untrusted = Add();
     untrusted.env = {"KAVORI_TRUSTED_ORIGINS=http://127.0.0.1:9"};
     ASSERT_TRUE(untrusted.StartArgv({FixtureDir() + "/intruded/bin/kavori-host",
