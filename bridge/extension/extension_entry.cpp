@@ -1,6 +1,8 @@
-// WebKit loads this library into every web process.  It only unpacks the
-// host's start-up data and installs the script object into every frame
-// (every trusted frame, when the caller restricted the origins).
+// WebKit loads this library into every web process.  It unpacks the host's
+// start-up data and, before each document's script runs, installs the script
+// object (only into trusted documents, and with document.domain locked in
+// all, when the caller restricted the origins) and in developer mode makes
+// the document's console lines name its origin.
 #include <webkit2/webkit-web-extension.h>
 
 #include <cstdio>
@@ -21,11 +23,11 @@ StartupData* g_startup = nullptr;
 WebKitScriptWorld* g_ownWorld = nullptr;
 
 void OnWindowObjectCleared(WebKitScriptWorld* world, WebKitWebPage*, WebKitFrame* frame, gpointer) {
+    const std::vector<std::string>& trusted = g_startup->trustedOrigins;
+    bool developer = g_startup->flags & STARTUP_DEVELOPER;
     // The JavaScriptCore C API keeps the class table and function callbacks
     // that the script object is made of; its frame accessor is deprecated
     // in favour of the GObject wrapper, which has no static-function classes.
-    const std::vector<std::string>& trusted = g_startup->trustedOrigins;
-    bool developer = g_startup->flags & STARTUP_DEVELOPER;
     G_GNUC_BEGIN_IGNORE_DEPRECATIONS
     JSGlobalContextRef context = webkit_frame_get_javascript_context_for_script_world(frame, world);
     JSGlobalContextRef own = context && (developer || !trusted.empty())
