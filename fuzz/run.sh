@@ -11,7 +11,7 @@ seconds=${1:-10}
 shift || true
 build=${KAVORI_FUZZ_BUILD:-build-fuzz}
 jobs=${JOBS:-1}
-all=(options command_text bridge channel_client origins)
+all=(options command_text bridge origins)
 names=("$@")
 [ ${#names[@]} -eq 0 ] && names=("${all[@]}")
 
@@ -24,7 +24,7 @@ mkdir -p "$build/logs" "$build/artifacts"
 run_one() {
   local name=$1 log="$build/logs/$1.log"
   mkdir -p "$build/corpus/$name"
-  # -rss_limit_mb: a frame may announce up to 16 MiB, which the client
+  # -rss_limit_mb: a frame may announce up to 16 MiB, which the host
   # allocates; the limit leaves room for that and catches real growth.
   "$build/fuzz_$name" -max_total_time="$seconds" -print_final_stats=1 -rss_limit_mb=1024 -timeout=10 -error_exitcode=1 \
     -artifact_prefix="$build/artifacts/$name-" "$build/corpus/$name" "fuzz/corpus/$name" >"$log" 2>&1

@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "bridge/extension/channel_client.h"
-#include "bridge/origins.h"
 
 namespace {
 
@@ -293,24 +292,6 @@ void InstallScriptObject(JSGlobalContextRef context) {
     JSObjectSetProperty(
         context, JSContextGetGlobalObject(context), name, object, kJSPropertyAttributeNone, nullptr);
     JSStringRelease(name);
-}
-
-bool DocumentTrusted(JSGlobalContextRef context, const std::vector<std::string>& trusted) {
-    if (trusted.empty()) return true;
-    JSStringRef script = JSStringCreateWithUTF8CString(
-        "[self.origin].concat(Array.prototype.slice.call(location.ancestorOrigins || [])).join('\\n')");
-    JSValueRef exception = nullptr;
-    JSValueRef value = JSEvaluateScript(context, script, nullptr, nullptr, 0, &exception);
-    JSStringRelease(script);
-    char* origins = value && !exception ? CopyScriptString(context, value) : nullptr;
-    if (!origins) return false;
-    int checked = 0;
-    bool all = true;
-    for (char* origin = strtok(origins, "\n"); origin && all; origin = strtok(nullptr, "\n"), ++checked) {
-        all = OriginTrusted(trusted, origin);
-    }
-    FreeScriptString(origins);
-    return all && checked > 0;
 }
 
 void LinkGlibContext(GObject* owner, JSGlobalContextRef context, JSCContext* glibContext) {

@@ -7,7 +7,6 @@
 #include <JavaScriptCore/JavaScript.h>
 
 #include <string>
-#include <vector>
 
 #include "bridge/channel.h"
 
@@ -18,14 +17,6 @@ void SetScriptTransport(ScriptTransport transport);
 
 // Publishes a fresh Kavori object on the context's global object.
 void InstallScriptObject(JSGlobalContextRef context);
-
-// Whether a document may see Kavori: with an empty list every document;
-// otherwise only when its own security origin and every ancestor's are on
-// the list.  The origins are the engine's, read before the document's own
-// script runs: a sandboxed frame or a page served with a sandboxing
-// Content-Security-Policy has the opaque origin "null" and is never
-// trusted, whatever its URL says.
-bool DocumentTrusted(JSGlobalContextRef context, const std::vector<std::string>& trusted);
 
 // Lets the functions of `context` make long answers through `glibContext`,
 // the GLib API's wrapper of the same context (the C API turns every string

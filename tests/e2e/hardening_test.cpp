@@ -31,19 +31,18 @@ TEST_F(Hardening, ExitEndsTheScriptTurnAndSignalsEndStartUp) {
 
 TEST_F(Hardening, KavoriOnlyForDocumentsWhoseOriginAndAncestorsAreTrusted) {
     HostProcess& server = Add();
-    std::string port;
+    std::string ports;  // two origins of one host: the second one is not listed
     ASSERT_TRUE(server.StartArgv(
-        {"/usr/bin/python3", SourceDir() + "/tests/fixtures/pages/trust/serve.py", server.dir() + "/port"}));
-    ASSERT_TRUE(PollUntil([&] { return !(port = ReadFileOr(server.dir() + "/port")).empty(); }))
+        {"/usr/bin/python3", SourceDir() + "/tests/fixtures/pages/trust/serve.py", server.dir() + "/ports"}));
+    ASSERT_TRUE(PollUntil([&] { return !(ports = ReadFileOr(server.dir() + "/ports")).empty(); }))
         << server.output();
-    const std::string site = "http://127.0.0.1:" + port + "/trust/",
+    const std::string port = ports.substr(0, ports.find(' ')), site = "http://127.0.0.1:" + port + "/trust/",
                       trusted = "KAVORI_TRUSTED_ORIGINS=http://127.0.0.1:" + port;
-    HostProcess& top = Open(site + "top.html", {}, {trusted});
+    HostProcess& top = Open(site + "top.html#" + ports.substr(ports.find(' ') + 1), {}, {trusted});
     HostProcess& sandboxed = Open(site + "sandboxed.html?csp", {}, {trusted});
     EXPECT_EQ("ok", top.Result());
     EXPECT_TRUE(Has(ReadUntil([&] { return sandboxed.output(); }, "refused"),
                     "refused navigation to " + site + "sandboxed.html?csp"));
-    EXPECT_EQ("<none>", sandboxed.LastSet("Served"));
 }
 
 // The PIN's bytes are wiped from every buffer of the host that carried them

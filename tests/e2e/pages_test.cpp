@@ -33,13 +33,23 @@ TEST_F(Pages, TheFunctionsAndForDialogAuthorsTheConsoleTheScriptedPluginAndTrust
     // a sandboxed frame has an opaque origin and no Kavori.
     HostProcess& calls = Open("calls.html");
     HostProcess& restricted = Open("calls.html?restricted", {}, {"KAVORI_TRUSTED_ORIGINS=file://"});
-    // A start page off the list is refused: no call is served, the dialog stays.
-    HostProcess& untrusted = Open("calls.html", {}, {"KAVORI_TRUSTED_ORIGINS=http://127.0.0.1:9"});
+    // A start page off the list is refused: no call is served, the dialog stays; not even to a web
+    // process taken over (a second extension stands for it: it has the socket and the token).
+    HostProcess& untrusted = Add();
+    untrusted.env = {"KAVORI_TRUSTED_ORIGINS=http://127.0.0.1:9"};
+    ASSERT_TRUE(untrusted.StartArgv({FixtureDir() + "/intruded/bin/kavori-host",
+                                     "-url",
+                                     PageUrl("calls.html"),
+                                     "-root",
+                                     PluginDir("recording")}));
 
     EXPECT_EQ("ok", good.Result());
     for (const std::string& line : {"console.log: [file://] " + page + ":6: hello from the page\n",
                                     "console.warn: [file://] " + page + ":7: careful\n",
-                                    "console.error: [file://] " + page + ":8: ReferenceError"}) {
+                                    "console.error: [file://] " + page + ":8: ReferenceError",
+                                    // eval'd code has no source: the frame's origin is named
+                                    std::string("console.log: [file://] :1: evaluated\n"),
+                                    std::string("console.error: [file://] undefined:1: ReferenceError")}) {
         EXPECT_TRUE(Has(good.output(), line)) << line << "\n" << good.output();
     }
     EXPECT_FALSE(Has(good.output(), "1234") || Has(good.output(), "9999"))
@@ -51,8 +61,11 @@ TEST_F(Pages, TheFunctionsAndForDialogAuthorsTheConsoleTheScriptedPluginAndTrust
     EXPECT_EQ("", calls.Leftovers());
     EXPECT_EQ("ok", restricted.Result());
     std::string refused = "kavori-host: refused navigation to " + PageUrl("calls.html") + ": ";
-    EXPECT_TRUE(PollUntil([&] { return Has(untrusted.output(), refused); })) << untrusted.output();
+    EXPECT_TRUE(PollUntil([&] {
+        return Has(untrusted.output(), refused) && Has(untrusted.output(), "intruder: answered");
+    })) << untrusted.output();
     EXPECT_EQ(0, CountOf(untrusted.Record(), "GetProperty Holder"));  // the page's first call
+    EXPECT_EQ("<none>", untrusted.LastSet("Intruder"));
     EXPECT_TRUE(untrusted.Running());
 }
 
