@@ -19,6 +19,7 @@
 #include "bridge/bridge_server.h"
 #include "bridge/extension/channel_client.h"
 #include "bridge/extension/console_line.h"
+#include "bridge/extension/document_origin.h"
 #include "bridge/extension/script_object.h"
 #include "tests/support/support.h"
 
@@ -299,7 +300,7 @@ bool Transport(const BridgeRequest&, BridgeReply* reply) {
     return g_reply.code != 9;
 }
 
-TEST(ScriptObject, AnswersComeBackWellFormedAndALostChannelGivesDefaults) {
+TEST(ScriptObject, AnswersComeBackWellFormedALostChannelGivesDefaultsAndOriginsAreTheEngines) {
     JSGlobalContextRef context = JSGlobalContextCreate(nullptr);
     SetScriptTransport(Transport);
     InstallScriptObject(context);
@@ -318,6 +319,22 @@ TEST(ScriptObject, AnswersComeBackWellFormedAndALostChannelGivesDefaults) {
     g_reply = {std::string("lost"), 9};
     EXPECT_EQ(eval(calls), "[\"\",\"\",0,null,0]");
     EXPECT_EQ(CopyScriptString(context, nullptr), nullptr);  // what a failed evaluation gives
+    // A document's origins as the engine shows them, and document.domain's setter locked, once and for all.
+    eval(
+        "self = {origin: 'https://a'}, location = {ancestorOrigins: ['https://b']}, Document = function () "
+        "{}");
+    eval(
+        "Object.defineProperty(Document.prototype, 'domain', {get() { return this.d; }, set(v) { this.d = v; "
+        "},"
+        " configurable: true})");
+    EXPECT_EQ(DocumentOrigin(context), "https://a");
+    EXPECT_TRUE(DocumentTrusted(context, {"https://b", "https://a"}) && DocumentTrusted(context, {}));
+    EXPECT_FALSE(DocumentTrusted(context, {"https://a"}));
+    EXPECT_TRUE(LockDocumentDomain(context) && LockDocumentDomain(context));
+    EXPECT_EQ(eval("(function (d) { d.domain = 'b'; return d.domain === undefined; })(new Document())"),
+              "true");
+    eval("self = {origin: 'null'}");
+    EXPECT_FALSE(DocumentTrusted(context, {"null"}));
     JSGlobalContextRelease(context);
 }
 
