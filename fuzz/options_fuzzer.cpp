@@ -26,6 +26,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FUZZ_CHECK(FindOptionNumber(argc, argv.data(), name.c_str(), nullptr) == found &&
                HasOption(argc, argv.data(), name.c_str()) == found);
     if (argc > 1) FindOptionValue(argc - 1, argv.data(), name.c_str(), &value);  // stays inside the count
+    FUZZ_CHECK(ParseNumber(nullptr) == 0);
 
     // Plain values: up to nine decimal digits; uppercase hex digits, alone or after "0x", the last eight
     // counting.

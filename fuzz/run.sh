@@ -11,7 +11,7 @@ seconds=${1:-10}
 shift || true
 build=${KAVORI_FUZZ_BUILD:-build-fuzz}
 jobs=${JOBS:-1}
-all=(options command_text bridge origins)
+all=(options command_text bridge origins)  # as in targets.cmake
 names=("$@")
 [ ${#names[@]} -eq 0 ] && names=("${all[@]}")
 
