@@ -1,8 +1,10 @@
 // The application shell's units, without a window; the installation's places come from HOME and from system
 // places moved below a directory of the test.
+#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -11,6 +13,7 @@
 #include <cmath>
 #include <cstring>
 #include <memory>
+#include <set>
 
 #include "app/app_commands.h"
 #include "app/geometry.h"
@@ -20,6 +23,7 @@
 #include "app/paths.h"
 #include "app/result_store.h"
 #include "app/sandbox.h"
+#include "app/signals.h"
 #include "app/start_url.h"
 #include "app/user_agent.h"
 #include "native/plugin_session.h"
@@ -89,6 +93,22 @@ TEST(CommandText, NoTextNoWords) {
     FreeArgumentVector(words);
 }
 
+// What the caller set is kept: an ignored SIGHUP (nohup), a profiler's SIGPROF handler. Every other ending
+// signal is taken, and cuts a pause short.
+void Profiler(int) {}
+TEST(Signals, TheCallersChoicesStayAnotherEndingSignalCutsAPauseShort) {
+    signal(SIGHUP, SIG_IGN), signal(SIGPROF, Profiler);
+    WatchTerminationSignals();
+    std::vector<sighandler_t> handlers;
+    for (int s : {SIGHUP, SIGPROF, SIGUSR1, SIGPIPE}) handlers.push_back(signal(s, SIG_DFL));
+    EXPECT_EQ(handlers, (std::vector<sighandler_t>{SIG_IGN, Profiler, SIG_DFL, SIG_DFL}));
+    EXPECT_FALSE(TerminatedBySignal());
+    if (fork() == 0) usleep(300000), kill(getppid(), SIGALRM), _exit(0);
+    SleepUnlessTerminated(120000000);  // past the test's time limit unless the child's signal cuts it short
+    EXPECT_TRUE(TerminatedBySignal());
+    wait(nullptr);
+}
+
 TEST(StartUrl, PrefixAndRedirectionFromThePluginAndLocalFilesAsFileUrls) {
     TempDir dir;
     ConfigurePluginSession((FixtureDir() + "/plugins/recording").c_str(), nullptr);
@@ -112,10 +132,10 @@ TEST(StartUrl, PrefixAndRedirectionFromThePluginAndLocalFilesAsFileUrls) {
         EXPECT_EQ(FileUrlForLocalPath(kept), kept);
     std::unique_ptr<const char[]> fileUrl(FileUrlForLocalPath("folder/page.html"));
     EXPECT_EQ(fileUrl.get(), "file://" + dir.path() + "/folder/page.html");
-    ASSERT_EQ(symlink("folder/page.html", dir.file("link.html").c_str()),
-              0);  // opened as given: resources beside it
-    std::unique_ptr<const char[]> linkUrl(FileUrlForLocalPath("./link.html"));
-    EXPECT_EQ(linkUrl.get(), "file://" + dir.path() + "/link.html");
+    // A link is opened as given, so its page finds resources beside it; a one-letter name is a path too.
+    ASSERT_EQ(symlink("folder/page.html", dir.file("l").c_str()), 0);
+    std::unique_ptr<const char[]> linkUrl(FileUrlForLocalPath("l"));
+    EXPECT_EQ(linkUrl.get(), "file://" + dir.path() + "/l");
 }
 
 // The success words give way to the success text; then -store targets: only where the caller meant it, and
@@ -146,6 +166,7 @@ TEST(Result, TheTextAndWhereItGoesOrASaidRefusal) {
     PutFile(at("theirs"), "kept", 0644);
     bool other = getuid() == 0 && chown(at("theirs").c_str(), 65534, 65534) == 0;
     PutFile(at("mine"), "an older and longer content\n", 0640);
+    PutFile(at("capped"), "kept", 0600);  // written under a file size limit below the result's
     PutFile(at("held"), "head:", 0600);
     for (const char* name : {"fifo", "unread"}) mkfifo(at(name).c_str(), 0600);
     int fifo = open(at("fifo").c_str(), O_RDONLY | O_NONBLOCK), piped[2], gone[2], spare[2], out[2];
@@ -168,6 +189,7 @@ TEST(Result, TheTextAndWhereItGoesOrASaidRefusal) {
         {at("theirs"), 0, -1, other ? "kept" : "done", other ? "Operation not permitted" : ""},
         {at("mine"), 0, -1, "done", ""},
         {at("new"), 0, -1, "done", ""},
+        {at("capped"), 0, -1, "kept", "File too large"},
         {at("absent/new"), 0, -1, "", "No such file or directory"},
         {at("fifo"), 0, fifo, "done<end>", ""},
         {at("unread"), 0, -2, "", "No such device or address"},
@@ -178,14 +200,18 @@ TEST(Result, TheTextAndWhereItGoesOrASaidRefusal) {
         {fd("/dev/fd/", gone[1]), 1, -2, "", "Broken pipe"},
         {fd("/dev/fd/", spare[1]), 0, spare[0], "<open>", "Bad file descriptor"},  // not the caller's
         {fd("/dev/fd/0", spare[1]), 1, spare[0], "<open>", "No such file or directory"}};
-    int saved[] = {dup(1), dup(2)}, err = open(at("err").c_str(), O_WRONLY | O_CREAT, 0600);
-    dup2(out[1], 1), dup2(err, 2), close(out[1]);
+    int saved[] = {dup(1), dup(2)}, err[2];  // a pipe: no file size limit on what is said
+    pipe2(err, O_NONBLOCK), dup2(out[1], 1), dup2(err[1], 2), close(out[1]), close(err[1]);
     HoldResultDescriptor(fd("/dev/fd/", piped[1]).c_str());
     EXPECT_TRUE(fcntl(piped[1], F_GETFD) & FD_CLOEXEC);  // kept from every process the host starts
     std::vector<std::string> read, expected, said;       // gtest reports on stdout: compared once it is back
     for (const auto& r : targets) {
         HoldResultDescriptor(r.held ? r.target.c_str() : nullptr);  // as the entry point does first
+        struct rlimit unlimited = {}, capped = {2, RLIM_INFINITY};
+        bool cap = r.target == at("capped") && getrlimit(RLIMIT_FSIZE, &unlimited) == 0;
+        if (cap) signal(SIGXFSZ, SIG_IGN), setrlimit(RLIMIT_FSIZE, &capped);
         StoreResult(r.target.c_str());
+        if (cap) setrlimit(RLIMIT_FSIZE, &unlimited);
         std::string got = r.from >= 0 ? drain(r.from) : r.from == -1 ? ReadFileOr(r.target) : "";
         read.push_back(r.target + " " + got), expected.push_back(r.target + " " + r.text);
         if (!r.said.empty())
@@ -193,10 +219,18 @@ TEST(Result, TheTextAndWhereItGoesOrASaidRefusal) {
     }
     dup2(saved[0], 1), dup2(saved[1], 2);
     EXPECT_EQ(read, expected);
-    EXPECT_EQ(ReadLines(at("err")), said);
+    EXPECT_EQ(ReadLines(fd("/dev/fd/", err[0])), said);
     struct stat st = {};
     EXPECT_EQ(stat(at("new").c_str(), &st) == 0 ? st.st_mode & 0777 : 0, 0600u);
     EXPECT_EQ(stat(at("mine").c_str(), &st) == 0 ? st.st_mode & 0777 : 0, 0640u);
+    std::set<std::string> left;  // no temporary file beside a target, whether it was stored or not
+    DIR* listing = opendir(dir.path().c_str());
+    while (struct dirent* entry = readdir(listing)) left.insert(entry->d_name);
+    closedir(listing);
+    EXPECT_EQ(
+        left,
+        std::set<std::string>(
+            {".", "..", "victim", "link", "theirs", "mine", "capped", "held", "fifo", "unread", "new"}));
 }
 
 TEST(AppCommands, PackedSizesAndNamesThatIgnoreLetterCaseButNotBlanks) {
