@@ -67,8 +67,13 @@ void ApplyWebSettings(const char* userAgent) {
         // sees no shader cache, and a cache it could write would let a
         // taken-over web process plant code that later dialogs run.  With
         // Mesa's llvmpipe that compiling was most of the sandbox's cost at
-        // first paint (bench/README.md).  A dialog needs no GPU.
-        webkit_settings_set_hardware_acceleration_policy(settings, WEBKIT_HARDWARE_ACCELERATION_POLICY_NEVER);
+        // first paint (bench/README.md).  A dialog needs no GPU.  Under
+        // WebDriver the GPU path stays: painted by the CPU, WebKitGTK 2.50
+        // waits a minute for a frame before each screenshot; this can go
+        // once its screenshots no longer do.
+        if (!AutomationMode())
+            webkit_settings_set_hardware_acceleration_policy(settings,
+                                                             WEBKIT_HARDWARE_ACCELERATION_POLICY_NEVER);
         if (userAgent) {
             if (userAgent[0]) {
                 g_object_set(settings, "user-agent", userAgent, nullptr);
