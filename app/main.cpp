@@ -133,7 +133,10 @@ int main(int argc, char** argv) {
     count = gtkCount;
 
     const char* testValue = nullptr;
-    if (FindOptionValue(count, vector, "-test", &testValue)) {
+    if (TerminatedBySignal()) {
+        // Ended while starting: nothing is run, and no WebKit process is
+        // started only to be killed half-way through its own start.
+    } else if (FindOptionValue(count, vector, "-test", &testValue)) {
         RunTestOption(testValue);
     } else if (!FindOptionValue(count, vector, "-url", &g_startUrl)) {
         LaunchAdminProgram();
@@ -173,7 +176,7 @@ int main(int argc, char** argv) {
         CreateMainWindow(iconPath, title, geometry);
         ApplyWebSettings(userAgent);
         gtk_container_add(GTK_CONTAINER(g_mainWindow), box);
-        webkit_web_view_load_uri(WEBKIT_WEB_VIEW(g_webView), g_startUrl);
+        if (!TerminatedBySignal()) webkit_web_view_load_uri(WEBKIT_WEB_VIEW(g_webView), g_startUrl);
         gtk_widget_grab_focus(g_webView);
         SleepUnlessTerminated(wait);
 

@@ -109,7 +109,7 @@ TEST_F(Commands, EveryEndLeavesExactlyItsResultAndNothingBehind) {
     EXPECT_EQ(1u, next.SocketDirectories().size());
     ASSERT_EQ(0, kill(next.pid(), SIGTERM));
     EXPECT_EQ("<no file>", next.Result());
-    for (auto& host : hosts) EXPECT_EQ("", host->Leftovers());
+    for (auto& host : hosts) EXPECT_EQ("", host->Leftovers()) << host->output();
 }
 
 TEST_F(Commands, ReloadAndTheMaintenanceScripts) {
