@@ -316,6 +316,24 @@ TEST(ScriptObject, AnswersComeBackWellFormedALostChannelGivesDefaultsAndOriginsA
         "Kavori.SetProperty('a', 'b'), Kavori.Application('exit')]";
     g_reply = {std::string("caf\xc3\xa9 \xff"), -7};  // repaired for the page
     EXPECT_EQ(eval(calls), "[\"caf\xc3\xa9 \xef\xbf\xbd\",\"caf\xc3\xa9 \xef\xbf\xbd\",-7,null,0]");
+    // Long answers are checked in blocks: a NUL and a character that is not ASCII, or a byte that is not
+    // UTF-8, on either side of a block's edge.  Counted in characters, a broken one repaired to one.
+    for (std::string odd : {"\xc3\xa9", "\xff"}) {
+        for (size_t at : {0, 62, 64, 130}) {
+            for (size_t nul : {10, 63, 64, 131, 200}) {
+                std::string text(200, 'a');
+                text.replace(at, odd.size(), odd);
+                if (nul < text.size()) text[nul] = '\0';
+                g_reply = {text, 0};
+                size_t length = nul >= at + odd.size() ? nul - odd.size() + 1 : nul;
+                std::string expected =
+                    "[" + std::to_string(length) + "," + (at < nul ? "true" : "false") + "]";
+                EXPECT_EQ(eval("(s => [s.length, /[\\u00e9\\ufffd]/.test(s)])(Kavori.GetProperty('n'))"),
+                          expected)
+                    << odd.size() << " at " << at << ", NUL at " << nul;
+            }
+        }
+    }
     g_reply = {std::string("lost"), 9};
     EXPECT_EQ(eval(calls), "[\"\",\"\",0,null,0]");
     EXPECT_EQ(CopyScriptString(context, nullptr), nullptr);  // what a failed evaluation gives
