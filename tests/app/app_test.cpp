@@ -166,7 +166,7 @@ TEST(Result, TheTextAndWhereItGoesOrASaidRefusal) {
     PutFile(at("theirs"), "kept", 0644);
     bool other = getuid() == 0 && chown(at("theirs").c_str(), 65534, 65534) == 0;
     PutFile(at("mine"), "an older and longer content\n", 0640);
-    PutFile(at("capped"), "kept", 0600);  // written under a file size limit below the result's
+    PutFile(at("capped"), "kept", 0600);  // written under a file size limit of one byte: a short write
     PutFile(at("held"), "head:", 0600);
     for (const char* name : {"fifo", "unread"}) mkfifo(at(name).c_str(), 0600);
     int fifo = open(at("fifo").c_str(), O_RDONLY | O_NONBLOCK), piped[2], gone[2], spare[2], out[2];
@@ -207,7 +207,7 @@ TEST(Result, TheTextAndWhereItGoesOrASaidRefusal) {
     std::vector<std::string> read, expected, said;       // gtest reports on stdout: compared once it is back
     for (const auto& r : targets) {
         HoldResultDescriptor(r.held ? r.target.c_str() : nullptr);  // as the entry point does first
-        struct rlimit unlimited = {}, capped = {2, RLIM_INFINITY};
+        struct rlimit unlimited = {}, capped = {1, RLIM_INFINITY};
         bool cap = r.target == at("capped") && getrlimit(RLIMIT_FSIZE, &unlimited) == 0;
         if (cap) signal(SIGXFSZ, SIG_IGN), setrlimit(RLIMIT_FSIZE, &capped);
         StoreResult(r.target.c_str());
