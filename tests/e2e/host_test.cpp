@@ -1,7 +1,9 @@
 // The host's own side in real runs: the result file, the Application commands,
 // the configured start, system places.
+#include <dirent.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -107,6 +109,17 @@ TEST_F(Commands, EveryEndLeavesExactlyItsResultAndNothingBehind) {
     ASSERT_TRUE(next.WaitForRecord("SetProperty Seen=" + PageUrl("idle.html"))) << next.output();
     ASSERT_TRUE(PollUntil([&] { return !WebProcessesOf(next.pid()).empty(); }));
     EXPECT_EQ(1u, next.SocketDirectories().size());
+    // Sweeping the others' places kept nothing of theirs open: its own two places are all it holds.
+    const std::string fds = "/proc/" + std::to_string(next.pid()) + "/fd/";
+    int directories = 0;
+    DIR* listing = opendir(fds.c_str());
+    while (struct dirent* entry = listing ? readdir(listing) : nullptr) {
+        struct stat st;
+        directories +=
+            stat((fds + entry->d_name).c_str(), &st) == 0 && S_ISDIR(st.st_mode) && entry->d_name[0] != '.';
+    }
+    if (listing) closedir(listing);
+    EXPECT_EQ(2, directories);
     ASSERT_EQ(0, kill(next.pid(), SIGTERM));
     EXPECT_EQ("<no file>", next.Result());
     for (auto& host : hosts) EXPECT_EQ("", host->Leftovers()) << host->output();
