@@ -264,6 +264,11 @@ TEST(LibraryDirectory, RootsOf1To254CharactersGetASlash) {
     }
     GetLibraryDirectory(out, 7);
     EXPECT_STREQ(out, "");  // too small: nothing, not a cut path
+    char untouched = 'u';   // no room at all: nothing written, nothing found
+    GetLibraryDirectory(nullptr, sizeof out), GetLibraryDirectory(&untouched, 0);
+    EXPECT_FALSE(GetDefaultLibraryDirectory(nullptr, sizeof out) ||
+                 GetDefaultLibraryDirectory(&untouched, 0));
+    EXPECT_EQ(untouched, 'u');
 }
 
 TEST(PluginSession, LazyStartFromTheConfiguredRootIsRetriedUntilReady) {
