@@ -3,11 +3,13 @@
 // hand the key over, run the loop, store the result.  Exit status 0 on
 // every path of its own.
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <gtk/gtk.h>
 #include <sys/resource.h>
 #include <unistd.h>
 #include <webkit2/webkit2.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
@@ -57,6 +59,19 @@ void DisableCoreDumps() {
     setrlimit(RLIMIT_CORE, &none);
 }
 
+// A caller may start the host with standard descriptors closed.  The next
+// files opened would take their numbers: GLib's warnings would go into
+// them, and every process started from here on (WebKit's too) would get
+// them as its input and output.  Those numbers get /dev/null instead, once
+// a -store descriptor has been taken, so a closed one is never taken.
+void OpenClosedStandardDescriptors() {
+    for (int fd = 0; fd <= 2; ++fd) {
+        if (fcntl(fd, F_GETFD) != -1 || errno != EBADF) continue;
+        int null = open("/dev/null", O_RDWR);
+        if (null >= 0 && null != fd) dup2(null, fd), close(null);
+    }
+}
+
 // Without a session bus GLib and the accessibility bridge autolaunch one
 // (dbus-launch, where installed) for every run, and those daemons outlive
 // the dialog, carrying its environment.  A desktop session always has a
@@ -89,6 +104,7 @@ int main(int argc, char** argv) {
     const char* heldStore = nullptr;
     FindOptionValue(argc, argv, "-store", &heldStore);
     HoldResultDescriptor(heldStore);
+    OpenClosedStandardDescriptors();
     // gdk_threads_enter/leave are no-ops in GTK 3 and are left out.
     WatchTerminationSignals();
     DisableCoreDumps();

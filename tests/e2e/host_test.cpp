@@ -103,23 +103,32 @@ TEST_F(Commands, EveryEndLeavesExactlyItsResultAndNothingBehind) {
         EXPECT_EQ("", ReadFileOr(host.home() + "/beside")) << strsignal(endings[i].first);
         EXPECT_TRUE(!taken || !FileExists(host.recordPath()));
     }
-    // The next host in their place finds its own directory alone; ended by SIGTERM with the bridge in use,
-    // it leaves no result.
+    // The next host in their place, started with its input and output closed, finds its own directory
+    // alone; ended by SIGTERM with the bridge in use, it leaves no result.
+    next.wrapper = {"/bin/sh", "-c", "exec \"$0\" \"$@\" <&- >&-"};
     ASSERT_TRUE(next.Open("idle.html"));
     ASSERT_TRUE(next.WaitForRecord("SetProperty Seen=" + PageUrl("idle.html"))) << next.output();
     ASSERT_TRUE(PollUntil([&] { return !WebProcessesOf(next.pid()).empty(); }));
     EXPECT_EQ(1u, next.SocketDirectories().size());
-    // Sweeping the others' places kept nothing of theirs open: its own two places are all it holds.
-    const std::string fds = "/proc/" + std::to_string(next.pid()) + "/fd/";
-    int directories = 0;
-    DIR* listing = opendir(fds.c_str());
+    // Sweeping the others' places kept nothing of theirs open: its own two places are all the directories
+    // it holds; what the caller closed is /dev/null to it and its web process, not a file opened later.
+    auto fd = [](pid_t pid, const char* name) { return "/proc/" + std::to_string(pid) + "/fd/" + name; };
+    std::string held;
+    for (pid_t pid : {next.pid(), WebProcessesOf(next.pid()).front()}) {
+        for (const char* standard : {"0", "1"}) {
+            char target[64] = {};
+            readlink(fd(pid, standard).c_str(), target, sizeof target - 1);
+            held += std::string(target) + " ";
+        }
+    }
+    DIR* listing = opendir(fd(next.pid(), "").c_str());
     while (struct dirent* entry = listing ? readdir(listing) : nullptr) {
         struct stat st;
-        directories +=
-            stat((fds + entry->d_name).c_str(), &st) == 0 && S_ISDIR(st.st_mode) && entry->d_name[0] != '.';
+        if (entry->d_name[0] != '.' && stat(fd(next.pid(), entry->d_name).c_str(), &st) == 0)
+            held += S_ISDIR(st.st_mode) ? "directory " : "";
     }
     if (listing) closedir(listing);
-    EXPECT_EQ(2, directories);
+    EXPECT_EQ(held, "/dev/null /dev/null /dev/null /dev/null directory directory ");
     ASSERT_EQ(0, kill(next.pid(), SIGTERM));
     EXPECT_EQ("<no file>", next.Result());
     for (auto& host : hosts) EXPECT_EQ("", host->Leftovers()) << host->output();
