@@ -100,12 +100,16 @@ TEST(WrapperPKCS11, ForwardsNestsAndKeepsTheFirstModule) {
     EXPECT_TRUE(module.Finalize(nullptr) == CKR_OK && module.Initialize(nullptr) == CKR_OK);
     module.Unload();  // forgets module and count without finalising
     EXPECT_EQ(module.Finalize(nullptr), CKR_CRYPTOKI_NOT_INITIALIZED);
+    // A module that someone else in the process initialised is theirs to finalise, after a first one too.
+    EXPECT_TRUE(module.Load(Fixture("modules", "already_initialized").c_str()) &&
+                module.Initialize(nullptr) == CKR_OK && module.Finalize(nullptr) == CKR_OK);
     // Without C_GetFunctionList the handle is kept and the extensions bound.
     EXPECT_FALSE(noList.Load(Fixture("modules", "no_function_list").c_str()));
     EXPECT_TRUE(noList.Load(Fixture("modules", "recording").c_str()));
     EXPECT_TRUE(noList.Initialize(nullptr) == CKR_GENERAL_ERROR &&
                 noList.SetTraceCallback(nullptr) == CKR_OK);
-    EXPECT_EQ(libraries.Record(), (Lines{"C_Finalize", "C_Initialize", "C_SetTraceCallback null"}));
+    EXPECT_EQ(libraries.Record(),
+              (Lines{"C_Finalize", "C_Initialize", "C_Initialize", "C_SetTraceCallback null"}));
 }
 
 TEST(WrapperPlugin, EachVariantForwardsUntilFinalizedAndClosed) {
