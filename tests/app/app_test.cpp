@@ -453,6 +453,8 @@ TEST_F(Places, UserAgentFromWebKitsTheProductVersionAndTheSystemsDescriptionAndW
     EXPECT_FALSE(ComposeUserAgentText(nullptr, info, buffer, 256) ||
                  ComposeUserAgentText("A", nullptr, buffer, 256) ||
                  ComposeUserAgentText("A", info, nullptr, 256));
+    char untouched = 'u';  // no room at all: nothing written, nothing read
+    EXPECT_FALSE(ReadOsDescription(nullptr, 256) || ReadOsDescription(&untouched, 0) || untouched != 'u');
     std::pair<std::string, std::string> versions[] = {
         {"06070002", "6.7"}, {"12030000", "12.3"}, {"0000", "0.0"}, {"", "."}, {"6", "6."}, {"061", "6.1"}};
     for (const auto& v : versions) {
