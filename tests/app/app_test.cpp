@@ -331,6 +331,9 @@ TEST_F(Places, PathsInTheirOrder) {
         LazyStartRoot(out, sizeof out);
         EXPECT_EQ(out, r.second) << r.first;
     }
+    char untouched = 'u';  // no room at all: nothing written
+    LazyStartRoot(nullptr, 256), LazyStartRoot(&untouched, 0);
+    EXPECT_EQ(untouched, 'u');
 }
 
 TEST_F(Places, TheSandboxOnlyWhereBubblewrapRuns) {

@@ -273,6 +273,8 @@ TEST(LibraryDirectory, RootsOf1To254CharactersGetASlash) {
     EXPECT_FALSE(GetDefaultLibraryDirectory(nullptr, sizeof out) ||
                  GetDefaultLibraryDirectory(&untouched, 0));
     EXPECT_EQ(untouched, 'u');
+    EXPECT_FALSE(MoveSystemPlacesForTests(std::string(250, 'r').c_str()));  // would not fit: none moved
+    EXPECT_TRUE(GetDefaultLibraryDirectory(out, sizeof out) && out == std::string("/usr/lib/"));
 }
 
 TEST(PluginSession, LazyStartFromTheConfiguredRootIsRetriedUntilReady) {
