@@ -40,7 +40,8 @@ struct Environment {
 TEST_F(Environments, EachShowsTheDialogReturnsItsResultShowsNothingOfHomeAndLeavesNothing) {
     const std::string hide = "mount --bind /bin/false /usr/bin/bwrap";  // unshare -m: a private namespace
     const std::string icon = SourceDir() + "/tests/fixtures/pages/kvo.ico";
-    // WAYLAND_DISPLAY names a headless compositor's socket in the runtime directory ("/" first: by its path).
+    // WAYLAND_DISPLAY names a headless compositor's socket in the runtime directory ("/" first: by its path);
+    // unset after that, the compositor listens where the session does not say (its default name).
     std::vector<Environment> rows = {
         {"own HOME",
          {},
@@ -60,6 +61,10 @@ TEST_F(Environments, EachShowsTheDialogReturnsItsResultShowsNothingOfHomeAndLeav
         {"HOME relative", {"HOME=relative/home"}, {}, "420x420+0+0"},
         {"HOME a file", {"HOME=/etc/passwd"}, {}, "420x420+0+0"},
         {"Wayland", {"WAYLAND_DISPLAY=/wl"}, {"-position", "0x00010000"}, ""},
+        {"a compositor the session does not name",
+         {"WAYLAND_DISPLAY=wayland-0", "WAYLAND_DISPLAY"},
+         {},
+         "420x420+0+0"},
         {"X11 asked for on Wayland",
          {"GDK_BACKEND=x11", "WAYLAND_DISPLAY=wl"},
          {"-position", "1"},
