@@ -13,8 +13,6 @@
 
 namespace kvotest {
 
-namespace {
-
 std::vector<std::string> Glob(const std::string& pattern) {
     glob_t found;
     std::vector<std::string> paths;
@@ -23,6 +21,8 @@ std::vector<std::string> Glob(const std::string& pattern) {
     globfree(&found);
     return paths;
 }
+
+namespace {
 
 int NumberAfter(const std::string& text, const std::string& label) {
     size_t at = text.find(label);

@@ -84,6 +84,7 @@ private:
     pid_t m_pid = -1;
 };
 
+std::vector<std::string> Glob(const std::string& pattern);      // the paths that match, sorted
 std::vector<pid_t> ProcessesWithEnv(const std::string& entry);  // live ones, exactly this entry
 std::string ProgramOf(pid_t pid);               // argv[0]'s last component; "" once gone (or a zombie)
 std::vector<pid_t> WebProcessesOf(pid_t host);  // the live web processes of its run
